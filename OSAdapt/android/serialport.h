@@ -1,0 +1,43 @@
+#ifndef VREC_OSADAPT_SERIALPORT_H
+#define VREC_OSADAPT_SERIALPORT_H
+
+#include <poll.h>
+#include <sys/types.h>
+
+// Status of the serial operations; for read and write, success means at least one byte
+// moved.
+constexpr int OS_ADAPT_SUCCESS = 30000;
+constexpr int OS_ADAPT_FAILED = 30001;
+
+// The serial side of the platform: a port travels as its file descriptor, -1 for none.
+class CSerialPort {
+public:
+    virtual ~CSerialPort() = default;
+
+    int Open(const char* path, int* handle);
+    int Close(int handle);
+    int Read(int handle, void* buffer, int length, int* count);
+    int Write(int handle, const void* buffer, int length, int* count);
+};
+
+int OS_ADAPT_Open(const char* path, int* handle);
+int OS_ADAPT_Close(int handle);
+// Waits without limit until data or a hang-up is there, then reads once. A null buffer or
+// a length of 0 asks for the number of bytes waiting instead.
+int OS_ADAPT_Read(int handle, void* buffer, int length, int* count);
+int OS_ADAPT_Write(int handle, const void* buffer, int length, int* count);
+
+// The system calls the serial layer makes, gathered in one place so that tests can inject
+// interrupted calls, hang-ups and failures.
+struct SerialSysCalls {
+    int (*open)(const char* path, int flags);
+    int (*close)(int fd);
+    ssize_t (*read)(int fd, void* buffer, size_t length);
+    ssize_t (*write)(int fd, const void* buffer, size_t length);
+    int (*poll)(pollfd* fds, nfds_t count, int timeoutMs);
+};
+SerialSysCalls& serialSysCalls();
+// Puts the real system calls back.
+void resetSerialSysCalls();
+
+#endif

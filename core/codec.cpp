@@ -1,0 +1,137 @@
+#include "codec.h"
+
+#include <array>
+#include <cstdio>
+
+#include "dateTime.h"
+
+namespace {
+
+const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+constexpr std::array<unsigned char, 128> makeDecodeTable() {
+    std::array<unsigned char, 128> table{};
+    for (unsigned char i = 0; i < 64; ++i) {
+        table[static_cast<unsigned char>(kAlphabet[i])] = i;
+    }
+    return table;
+}
+constexpr std::array<unsigned char, 128> kDecode = makeDecodeTable();
+
+unsigned sextet(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 128 ? kDecode[byte] : 0u;
+}
+
+constexpr std::array<unsigned short, 256> makeCrcTable() {
+    std::array<unsigned short, 256> table{};
+    for (unsigned i = 0; i < 256; ++i) {
+        unsigned v = i;
+        for (int bit = 0; bit < 8; ++bit) {
+            v = (v & 1u) ? (v >> 1) ^ 0x8408u : v >> 1;
+        }
+        table[i] = static_cast<unsigned short>(v);
+    }
+    return table;
+}
+constexpr std::array<unsigned short, 256> kCrcTable = makeCrcTable();
+
+}  // namespace
+
+std::string Base64Encode(const unsigned char* data, int length) {
+    std::string out;
+    if (data == nullptr || length <= 0) {
+        return out;
+    }
+    out.reserve((static_cast<size_t>(length) + 2) / 3 * 4);
+    int i = 0;
+    for (; i + 3 <= length; i += 3) {
+        const unsigned v = (data[i] << 16) | (data[i + 1] << 8) | data[i + 2];
+        out += kAlphabet[(v >> 18) & 63];
+        out += kAlphabet[(v >> 12) & 63];
+        out += kAlphabet[(v >> 6) & 63];
+        out += kAlphabet[v & 63];
+    }
+    const int rest = length - i;
+    if (rest == 1) {
+        const unsigned v = data[i] << 16;
+        out += kAlphabet[(v >> 18) & 63];
+        out += kAlphabet[(v >> 12) & 63];
+        out += "==";
+    } else if (rest == 2) {
+        const unsigned v = (data[i] << 16) | (data[i + 1] << 8);
+        out += kAlphabet[(v >> 18) & 63];
+        out += kAlphabet[(v >> 12) & 63];
+        out += kAlphabet[(v >> 6) & 63];
+        out += '=';
+    }
+    return out;
+}
+
+std::string Base64Decode(const char* text, int length, int* count) {
+    std::string out;
+    if (text == nullptr || length <= 0) {
+        return out;
+    }
+    // Characters past the end of the text read as padding, so a truncated group ends
+    // early instead of reading past the buffer.
+    auto at = [&](int i) { return i < length ? text[i] : '='; };
+    auto emit = [&](unsigned value) {
+        out += static_cast<char>(value & 0xFF);
+        if (count != nullptr) {
+            ++*count;
+        }
+    };
+    // Groups of four; where padding turns up, the next group is counted from the padding.
+    for (int pos = 0; pos < length; pos += 4) {
+        const unsigned a = sextet(at(pos));
+        const unsigned b = sextet(at(pos + 1));
+        emit((a << 2) | (b >> 4));
+        if (at(pos + 2) == '=') {
+            pos += 2;
+            continue;
+        }
+        const unsigned c = sextet(at(pos + 2));
+        emit(((b & 0x0F) << 4) | (c >> 2));
+        if (at(pos + 3) == '=') {
+            pos += 3;
+            continue;
+        }
+        emit(((c & 0x03) << 6) | sextet(at(pos + 3)));
+    }
+    return out;
+}
+
+void Crc16Fcs(const unsigned char* data, int length, unsigned short* result) {
+    unsigned short fcs = 0xFFFF;
+    for (int i = 0; data != nullptr && i < length; ++i) {
+        fcs = static_cast<unsigned short>((fcs >> 8) ^ kCrcTable[(fcs ^ data[i]) & 0xFF]);
+    }
+    if (result != nullptr) {
+        *result = static_cast<unsigned short>(~fcs);
+    }
+}
+
+void HdlcEscape(std::string& text) {
+    std::string out;
+    out.reserve(text.size() + text.size() / 8);
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte == 0x7E || byte == 0x7D) {
+            out += static_cast<char>(0x7D);
+            out += static_cast<char>(byte ^ 0x20);
+        } else {
+            out += c;
+        }
+    }
+    text.swap(out);
+}
+
+std::string logTimeSuffix(const CDateTime& when) {
+    char buffer[27] = {};
+    snprintf(buffer, sizeof(buffer), "_%d%d%d_%d_%d_%d_%d", when.Year(), when.Month(), when.Day(),
+             when.Hour(), when.Minute(), when.Second(), when.Millisecond());
+    return buffer;
+}
+
+std::string logTimeSuffix() { return logTimeSuffix(CDateTime()); }

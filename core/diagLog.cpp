@@ -1,0 +1,168 @@
+#include "diagLog.h"
+
+#include <sys/stat.h>
+
+#include <cstdarg>
+#include <mutex>
+
+#include "dateTime.h"
+#include "fileSystem.h"
+
+namespace {
+
+// Guards the lifetime of the one DiagLog against a stop that destroys it while another
+// thread is logging.
+std::mutex& instanceLock() {
+    static std::mutex* lock = new std::mutex;  // never destroyed: threads may log at exit
+    return *lock;
+}
+DiagLog* g_instance = nullptr;
+bool g_logStarted = false;  // the process has emptied the old log already
+
+}  // namespace
+
+const char* diagLogLevelName(int level) {
+    switch (level) {
+        case LOG_CRIT:
+            return "CRIT";
+        case LOG_ERRO:
+            return "ERRO";
+        case LOG_WARN:
+            return "WARN";
+        case LOG_INFO:
+            return "INFO";
+        default:
+            return "????";
+    }
+}
+
+DiagLogFile::DiagLogFile(std::string logPath, long limit, bool append)
+    : path(std::move(logPath)), rotateBytes(limit), truncateOnOpen(!append) {}
+
+DiagLogFile::~DiagLogFile() {
+    if (stream != nullptr) {
+        fclose(stream);
+    }
+}
+
+bool DiagLogFile::OpenStream() {
+    stream = fopen(path.c_str(), truncateOnOpen ? "w+" : "a+");
+    truncateOnOpen = true;
+    return stream != nullptr;
+}
+
+bool DiagLogFile::WriteLine(int level, const char* file, const char* function, int line,
+                            const char* text) {
+    if (file == nullptr || function == nullptr || text == nullptr) {
+        return false;
+    }
+    JMutexAutoLock lock(&mutex);
+    if (stream == nullptr && !OpenStream()) {
+        return false;
+    }
+    const CDateTime now;
+    fprintf(stream, "%d:%d:%d:%d  %s  %s %d %s %s\n", now.Hour(), now.Minute(), now.Second(),
+            now.Millisecond(), diagLogLevelName(level), file, line, function, text);
+    fflush(stream);
+    if (fseek(stream, 0, SEEK_END) == 0 && ftell(stream) >= rotateBytes) {
+        Rotate();
+    }
+    return true;
+}
+
+std::string DiagLogFile::NextBackupName() const {
+    const size_t dot = path.rfind('.');
+    const std::string stem = dot == std::string::npos ? path : path.substr(0, dot);
+    for (unsigned long n = 0;; ++n) {
+        const std::string name = stem + "_backup_" + std::to_string(n) + ".log";
+        if (!CFile::Exists(name)) {
+            return name;
+        }
+    }
+}
+
+void DiagLogFile::Rotate() {
+    fclose(stream);
+    stream = nullptr;
+    // Moving the file keeps every byte of it without a second copy in memory; the next
+    // line starts an empty log under the old name.
+    rename(path.c_str(), NextBackupName().c_str());
+}
+
+DiagLog::DiagLog() {
+    const std::string dir = CDirectory::GetCurrentDir();
+    if (!dir.empty() && !CDirectory::Exists(dir)) {
+        mkdir(dir.c_str(), 0777);
+    }
+    logFile = std::make_unique<DiagLogFile>(dir + "/vrec.log", DiagLogFile::kRotateBytes,
+                                            g_logStarted);
+}
+
+DiagLog* DiagLog::getInstance() {
+    std::lock_guard<std::mutex> lock(instanceLock());
+    if (g_instance == nullptr) {
+        g_instance = new DiagLog;
+    }
+    return g_instance;
+}
+
+void DiagLog::destroyDiagLog() {
+    std::lock_guard<std::mutex> lock(instanceLock());
+    delete g_instance;
+    g_instance = nullptr;
+}
+
+int DiagLog::writeText(int level, const char* file, const char* function, int line,
+                       const char* text) {
+    if (!logFile) {
+        return 0;
+    }
+    const bool written = logFile->WriteLine(level, file, function, line, text);
+    g_logStarted = g_logStarted || written;
+    return written ? 1 : 0;
+}
+
+namespace {
+// Lines are cut at 1022 characters, as the log has always done.
+void formatLine(char (&buffer)[1024], const char* format, va_list args) {
+    vsnprintf(buffer, 1023, format, args);
+}
+}  // namespace
+
+int DiagLog::writeLine(int level, const char* file, const char* function, int line,
+                       const char* format, ...) {
+    char buffer[1024] = {};
+    va_list args;
+    va_start(args, format);
+    formatLine(buffer, format, args);
+    va_end(args);
+    std::lock_guard<std::mutex> lock(instanceLock());
+    return writeText(level, file, function, line, buffer);
+}
+
+int DiagLog::write(int level, const char* file, const char* function, int line,
+                   const char* format, ...) {
+    char buffer[1024] = {};
+    va_list args;
+    va_start(args, format);
+    formatLine(buffer, format, args);
+    va_end(args);
+    std::lock_guard<std::mutex> lock(instanceLock());
+    if (g_instance == nullptr) {
+        g_instance = new DiagLog;
+    }
+    return g_instance->writeText(level, file, function, line, buffer);
+}
+
+DiagLogTrace::DiagLogTrace(const char* srcFile, const char* srcFunction, int srcLine,
+                           int traceLevel)
+    : file(srcFile ? srcFile : ""),
+      function(srcFunction ? srcFunction : ""),
+      line(srcLine),
+      level(traceLevel) {
+    DiagLog::write(level, file.c_str(), function.c_str(), line, "enter");
+}
+
+DiagLogTrace::~DiagLogTrace() {
+    DiagLog::write(level, file.c_str(), function.c_str(), line, "exit");
+}

@@ -1,0 +1,83 @@
+#ifndef VREC_CORE_JTHREAD_H
+#define VREC_CORE_JTHREAD_H
+
+#include <pthread.h>
+
+#include "jmutex.h"
+
+// A detached thread with a start handshake: Start() returns only once the new thread is
+// inside its body. Threads are never joined; IsRunning() is the only sign of their end.
+class JThread {
+public:
+    static constexpr int ERR_MUTEX_INIT = -1;
+    static constexpr int ERR_START = -2;
+    static constexpr int ERR_NOT_RUNNING = -4;
+    static constexpr int ERR_RUNNING = -5;
+
+    // Seconds an owner waits for its worker to notice its run flag before killing it.
+    static constexpr int STOP_LIMIT_SECONDS = 5;
+
+    JThread();
+    virtual ~JThread();
+    JThread(const JThread&) = delete;
+    JThread& operator=(const JThread&) = delete;
+
+    int Start();
+    int Kill();
+    bool IsRunning();
+    void* GetReturnValue();
+
+    // The stop protocol, once the owner has cleared its run flag: wait while the thread
+    // runs, in steps of 80 ms, until more than `limitSeconds` whole seconds have passed
+    // since the wait began, then cancel it. Returns true when the thread ended by itself.
+    bool WaitOrKill(int limitSeconds = STOP_LIMIT_SECONDS);
+
+protected:
+    virtual void* Thread() = 0;
+    // Every body calls this first; Start() waits for it.
+    void ThreadStarted();
+
+private:
+    static void* TheThread(void* param);
+
+    pthread_t threadId{};
+    void* returnValue = nullptr;
+    bool running = false;
+    JMutex runningMutex;
+    JMutex continueMutex;
+    JMutex continueMutex2;
+    bool mutexInit = false;
+};
+
+template <class Owner, class Result>
+class JThreadT;
+
+// Runs a member function of its owner as a thread. The owner binds it right before Start.
+template <class Owner>
+class JThreadT<Owner, void> : public JThread {
+public:
+    using Body = void (Owner::*)();
+
+    JThreadT() = default;
+    ~JThreadT() override { WaitOrKill(); }
+
+    void Bind(Body function, Owner* object) {
+        body = function;
+        owner = object;
+    }
+
+protected:
+    void* Thread() override {
+        ThreadStarted();
+        if (owner != nullptr && body != nullptr) {
+            (owner->*body)();
+        }
+        return nullptr;
+    }
+
+private:
+    Body body = nullptr;
+    Owner* owner = nullptr;
+};
+
+#endif

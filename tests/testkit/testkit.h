@@ -1,0 +1,118 @@
+#ifndef VREC_TESTS_TESTKIT_H
+#define VREC_TESTS_TESTKIT_H
+
+#include <sys/types.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace testkit {
+
+// A fresh directory under /tmp, removed with everything in it at the end of the scope.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return dir; }
+    std::string file(const std::string& name) const { return dir + "/" + name; }
+
+private:
+    std::string dir;
+};
+
+// Both ends of a pseudo-terminal; the slave is what a program opens as its port.
+class Pty {
+public:
+    Pty();
+    ~Pty();
+    Pty(const Pty&) = delete;
+    Pty& operator=(const Pty&) = delete;
+    int master() const { return masterFd; }
+    int slave() const { return slaveFd; }
+    const std::string& slaveName() const { return name; }
+    void closeSlave();
+    // Reads from the master until `count` bytes came or `timeoutMs` passed.
+    std::string readMaster(size_t count, int timeoutMs);
+    void writeMaster(const std::string& bytes);
+
+private:
+    int masterFd = -1;
+    int slaveFd = -1;
+    std::string name;
+};
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content);
+bool fileExists(const std::string& path);
+std::vector<std::string> listDir(const std::string& path);
+// "7E 01 ..." for failure messages that read at a glance.
+std::string hex(const std::string& bytes);
+// Number of open descriptors of this process.
+int openDescriptorCount();
+
+// Gives the calling process a network namespace of its own with loopback up, so that the
+// fixed UDP ports never collide between tests run in parallel. Where that is not permitted,
+// takes a machine-wide lock instead, held until the process ends. Returns true when the
+// process has its own namespace.
+bool isolateNetwork();
+
+// Makes this process the reaper of orphaned descendants, so a test can collect the exit
+// status of the background run that vrec forks off.
+void becomeSubreaper();
+
+// Path of a program built by the project, such as "vrecCmd/vrec".
+std::string builtProgram(const std::string& relative);
+
+// One run of a program that forks itself into the background, as vrec does. Output of the
+// launcher and of the background child is collected from one pipe.
+class BackgroundRun {
+public:
+    BackgroundRun(const std::vector<std::string>& argv, const std::string& cwd);
+    ~BackgroundRun();  // kills whatever of the run is still alive
+    BackgroundRun(const BackgroundRun&) = delete;
+    BackgroundRun& operator=(const BackgroundRun&) = delete;
+
+    // Exit status of the launched process (the parent of the fork); -1 on time-out.
+    int launcherStatus(int timeoutMs = 10000);
+    // Exit status of the forked child; -1 on time-out, -2 if it died of a signal.
+    int childStatus(int timeoutMs = 10000);
+    pid_t childPid(int timeoutMs = 5000);
+    bool waitForOutput(const std::string& needle, int timeoutMs = 10000);
+    // Everything printed so far (stdout); stderr apart.
+    std::string output();
+    std::string errors();
+    // Waits until both streams are closed by every writer.
+    void waitForEof(int timeoutMs = 10000);
+
+private:
+    void reapUntil(int timeoutMs, bool wantChild);
+    void readerLoop(int fd, std::string* sink);
+
+    pid_t launcher = -1;
+    pid_t child = -1;
+    int launcherExit = -1;
+    int childExit = -1;
+    bool launcherDone = false;
+    bool childDone = false;
+    std::mutex lock;
+    std::condition_variable changed;
+    std::string out;
+    std::string err;
+    int openStreams = 2;
+    std::thread outReader;
+    std::thread errReader;
+};
+
+// Runs a program to its end and returns its exit status (-1 on time-out) with what it
+// printed. For a program that forks, as vrec does, the status is that of the child.
+int runToEnd(const std::vector<std::string>& argv, const std::string& cwd, std::string* out,
+             std::string* err = nullptr, int timeoutMs = 20000);
+
+}  // namespace testkit
+
+#endif

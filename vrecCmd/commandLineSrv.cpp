@@ -1,0 +1,371 @@
+#include "commandLineSrv.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <getopt.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "atMdonImpl.h"
+#include "console.h"
+#include "diagImpl.h"
+#include "diagLog.h"
+#include "portMgnt.h"
+
+namespace {
+
+const char* const kVersion = VREC_VERSION;
+const char* const kBuildTime = __DATE__ " " __TIME__;
+const char* const kMaker = "Made by Orvane for its USB modules and datacards.";
+
+const char* const kShortOptions = "m:qip:d:l:shvc:t:f:u:r:o:";
+const option kLongOptions[] = {
+    {"mdon", required_argument, nullptr, 'm'},     {"qualcomm", no_argument, nullptr, 'q'},
+    {"imc", no_argument, nullptr, 'i'},            {"pcui", required_argument, nullptr, 'p'},
+    {"diag", required_argument, nullptr, 'd'},     {"location", required_argument, nullptr, 'l'},
+    {"stop", no_argument, nullptr, 's'},           {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'v'},        {"cycle", required_argument, nullptr, 'c'},
+    {"total", required_argument, nullptr, 't'},    {"file", required_argument, nullptr, 'f'},
+    {"unit", required_argument, nullptr, 'u'},     {"report", required_argument, nullptr, 'r'},
+    {"overwrite", required_argument, nullptr, 'o'}, {nullptr, 0, nullptr, 0}};
+
+const char* const kUsage[] = {
+    "Usage: vrec [options]",
+    "Used to capture Orvane module or the datacard log in various systems.",
+    "If vrec runs without parameters, it used to capture QXDM log,",
+    "Parameters are described below:",
+    "  -q, --qualcomm             Default, used to capture QXDM log",
+    "  -i, --imc                  Used to capture IMC(MA) log",
+    "  -m, --mdon STATE           Only Used to support normalization program. There are "
+    "optional STATEs:",
+    "                              0: stop all(log or dump).",
+    "                              1: active saving log only.",
+    "                              2: active saving dump only.",
+    "                              3: start real time log.",
+    "                              4: start both real time log and dump.",
+    "                              5: export log.",
+    "                              6: export dump.",
+    "  -p, --pcuiport             Specifies the pcui port name",
+    "  -d, --diagport             Specifies the diag port name",
+    "  -l, --location             Specifies the Log/Dump file location.",
+    "  -c, --cycle                Specifies the size(MB) of saving cycle.",
+    "  -t, --total                Specifies the total(max) size(MB) of saving log.",
+    "  -f, --file                 Specifies the file name of log or dump to export.",
+    "  -u, --unit                 Specifies the sub unit of log or dump to export.",
+    "  -r, --report               Switch of real-time reporting log file size(some terminal "
+    "don't support inline refresh should use -r 0).",
+    "  -o, --overwrite            Overwrite(1) the captured log files or not(0).",
+    "  -s, --stop                 Stop the log capture and quit",
+    "  -h, --help                 Show this help",
+    "  -v, --version              show version information",
+};
+
+CommandLineSrv* g_commandLine = nullptr;
+CommandLineSrv::ImplFactory g_factory;
+// Written by the SIGQUIT handler, read by the thread that runs the stop sequence.
+int g_sigQuitPipe[2] = {-1, -1};
+
+std::unique_ptr<LogInterface> makeDefaultImpl(const CaptureOptions& options) {
+    if (options.mode == CAPTURE_MDON) {
+        return std::make_unique<AtMdonImpl>();
+    }
+    return std::make_unique<DiagImpl>();
+}
+
+int32_t toInt(const char* text) { return static_cast<int32_t>(strtol(text, nullptr, 10)); }
+
+std::string lowerCase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+bool startsWith(const std::string& text, const char* prefix) {
+    return text.compare(0, strlen(prefix), prefix) == 0;
+}
+
+// Whether the run stays alive after a successful start: a real-time capture and an
+// export do; settings that the module carries out alone end the run.
+bool staysAlive(const CaptureOptions& options) {
+    if (options.mode != CAPTURE_MDON) {
+        return true;
+    }
+    return options.state > 2;
+}
+
+}  // namespace
+
+CommandLineSrv* CommandLineSrv::getInstance() {
+    if (g_commandLine == nullptr) {
+        g_commandLine = new CommandLineSrv;
+    }
+    return g_commandLine;
+}
+
+void CommandLineSrv::setImplFactory(ImplFactory factory) { g_factory = std::move(factory); }
+
+CommandLineSrv::CommandLineSrv() {
+    // The stop sequence is far more than a signal handler may do, so the handler only
+    // wakes a thread that runs it.
+    if (pipe2(g_sigQuitPipe, O_CLOEXEC) == 0) {
+        pthread_t thread;
+        if (pthread_create(&thread, nullptr, sigQuitLoop, this) == 0) {
+            pthread_detach(thread);
+        }
+    }
+    signal(SIGQUIT, onSigQuit);
+}
+
+void CommandLineSrv::onSigQuit(int /*signal*/) {
+    const int savedErrno = errno;
+    const char byte = 'q';
+    if (g_sigQuitPipe[1] != -1) {
+        ssize_t ignored = write(g_sigQuitPipe[1], &byte, 1);
+        (void)ignored;
+    }
+    errno = savedErrno;
+}
+
+void* CommandLineSrv::sigQuitLoop(void* param) {
+    auto* self = static_cast<CommandLineSrv*>(param);
+    char byte = 0;
+    for (;;) {
+        const ssize_t got = read(g_sigQuitPipe[0], &byte, 1);
+        if (got == 1) {
+            self->stopAndExit();
+        } else if (got == 0 || errno != EINTR) {
+            return nullptr;
+        }
+    }
+}
+
+void CommandLineSrv::run(int argc, char** argv) {
+    consolePrint("vrec, Ver: %s\nCompiled at: %s\n%s\n\n", kVersion, kBuildTime, kMaker);
+
+    optind = 0;  // full re-initialisation of the parser
+    int option = 0;
+    while ((option = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
+        applyOption(option, optarg);
+    }
+    checkOptions();
+
+    if (startLog(options)) {
+        consolePrint("INFO: Wait for settings to take effect.\nDone.\n");
+        return;
+    }
+
+    Initialize(kControlPort);
+    Start();
+    consolePrint("%sINFO: Use vrec -s or press Ctrl+C to stop log capture.\n", kLineClear);
+    bool capturing = false;
+    {
+        std::lock_guard<std::mutex> lock(stopLock);
+        capturing = current != nullptr;
+    }
+    if (capturing) {
+        if (options.reportStep != 0) {
+            consolePrint(
+                "INFO: vrec will report the size of log from time to time. Launch vrec with -r 0 "
+                "to disable this.\n");
+        }
+        consolePrint("\nvrec now is running in the background.\n");
+    }
+    for (;;) {
+        sleep(1);
+    }
+}
+
+void CommandLineSrv::applyOption(int option, const char* argument) {
+    switch (option) {
+        case 'm':
+            options.saveLocation = SAVE_SD;
+            options.mode = CAPTURE_MDON;
+            options.state = toInt(argument);
+            break;
+        case 'q':
+            options.state = 3;
+            options.mode = CAPTURE_QUALCOMM;
+            break;
+        case 'i':
+            options.mode = CAPTURE_IMC;
+            options.state = 3;
+            break;
+        case 'p':
+            PortMgnt::getInstance()->openPcuiPortByName(argument);
+            break;
+        case 'd':
+            PortMgnt::getInstance()->openDiagPortByName(argument);
+            break;
+        case 'l': {
+            const std::string where = argument;
+            if (where == "sd" || where == "SD" || where == "1") {
+                options.saveLocation = SAVE_SD;
+            } else if (where == "flash" || where == "FLASH" || where == "0") {
+                options.saveLocation = SAVE_FLASH;
+            } else {
+                options.saveLocation = SAVE_HOST;
+                PortMgnt::getInstance()->setSavePath(where);
+            }
+            break;
+        }
+        case 'c': {
+            const int32_t size = toInt(argument);
+            if (size == 0) {
+                options.saveMode = 1;
+            } else if (size == 1) {
+                options.cycleSize = 1;
+                options.saveMode = 0;
+            } else {
+                options.cycleSize = size;
+                options.saveMode = 2;
+            }
+            break;
+        }
+        case 't':
+            options.totalSize = toInt(argument);
+            if (options.totalSize != 0) {
+                consolePrint("INFO:the max size of log size is set to %dMB.\n", options.totalSize);
+            }
+            break;
+        case 'f':
+            applyFileOption(argument);
+            break;
+        case 'u':
+            options.subUnit = argument;
+            consolePrint("INFO: file subitem is %s .\n", argument);
+            break;
+        case 'r':
+            options.reportStep = static_cast<uint32_t>(strtoul(argument, nullptr, 10));
+            consolePrint("INFO: Reporting size of log file is %s .\n",
+                         options.reportStep == 0 ? "OFF" : "ON");
+            break;
+        case 'o':
+            options.overwrite = toInt(argument) != 0;
+            break;
+        case 's':
+            sendCommand("stop");
+            exit(0);
+        case 'h':
+            showUsage();
+            exit(0);
+        case 'v':
+            exit(0);
+        default:
+            break;  // the parser has said what was wrong; the run goes on
+    }
+}
+
+void CommandLineSrv::applyFileOption(const char* name) {
+    options.mode = CAPTURE_MDON;
+    options.fileName = name;
+    const std::string lower = lowerCase(name);
+    if (startsWith(lower, "dump")) {
+        options.state = 6;
+        consolePrint("INFO: Dump file %s request\n", lower.c_str());
+    } else if (startsWith(lower, "logsave")) {
+        options.state = 5;
+        consolePrint("INFO: Log file %s request\n", lower.c_str());
+    } else if (lower == "*") {
+        options.state = 7;
+        consolePrint("INFO: Log and dump files request\n");
+    } else {
+        consolePrint("ERROR: only log(logsave*) and dump(dump*) can be exported!");
+        exit(1);
+    }
+}
+
+void CommandLineSrv::checkOptions() {
+    if (options.cycleSize != 0 && options.mode != CAPTURE_MDON) {
+        consolePrint("INFO:the log saving cycle is set to %d MB.\n", options.cycleSize);
+    }
+    if (options.overwrite) {
+        consolePrint("WARNING: vrec will overwrite existing captured log files.\n");
+    }
+    if (options.totalSize != 0 && options.cycleSize != 0 && options.totalSize < options.cycleSize) {
+        options.totalSize = options.cycleSize * 2;
+        consolePrint(
+            "WARNING: the max log saving size is less than the size of saving cycle.\n"
+            "\t\t\tuse twice cycle size as max log size instead. ");
+    }
+}
+
+bool CommandLineSrv::startLog(CaptureOptions& runOptions) {
+    DIAG_LOG(LOG_INFO, "vrec, Ver: %s\n", kVersion);
+    DIAG_LOG(LOG_INFO, "Compiled at: %s", kBuildTime);
+    DIAG_LOG(LOG_INFO, "%s", kMaker);
+
+    {
+        std::lock_guard<std::mutex> lock(stopLock);
+        current = g_factory ? g_factory(runOptions) : makeDefaultImpl(runOptions);
+    }
+    if (!current || !current->startLog(runOptions)) {
+        return true;
+    }
+    return !staysAlive(runOptions);
+}
+
+void CommandLineSrv::showUsage() {
+    std::string text;
+    for (const char* line : kUsage) {
+        text += line;
+        text += '\n';
+    }
+    text += std::string(105, '.') + "\n";
+    text += "Notice:\n";
+    text += "1. -q or -i or -m is the master parameters, any incompatible parameters followed are "
+            "simply ignored\n";
+    consolePrint("%s", text.c_str());
+}
+
+void CommandLineSrv::OnReceive(const sockaddr_in* /*from*/, const char* data, int length) {
+    // The buffer holds no terminator when the datagram filled it, so search by length.
+    const char* end = data + length;
+    static const char kStop[] = "stop";
+    if (std::search(data, end, kStop, kStop + 4) != end) {
+        stopAndExit();
+    }
+}
+
+void CommandLineSrv::stopAndExit() {
+    std::lock_guard<std::mutex> lock(stopLock);
+    if (!current) {
+        return;
+    }
+    current->stopLog();
+    current.reset();
+    consolePrint("\nINFO: Stop capturing log.\n");
+    DiagLog::destroyDiagLog();
+    exit(1);
+}
+
+void CommandLineSrv::sendCommand(const char* text) {
+    Initialize(kClientPort);
+    Start();
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(kControlPort);
+    inet_pton(AF_INET, "127.0.0.1", &to.sin_addr);
+    if (SendTo(&to, text, static_cast<int>(strlen(text)) + 1) < 1) {
+        consolePrint("send cmd failed!%s\n", text);
+    } else {
+        consolePrint("send cmd success!\n");
+    }
+    sleep(1);
+}
+
+int vrecMain(int argc, char** argv) {
+    // The run goes on in a child; the parent, and a failed fork, end here quietly.
+    if (fork() != 0) {
+        return 0;
+    }
+    CommandLineSrv::getInstance()->run(argc, argv);
+    return 0;
+}

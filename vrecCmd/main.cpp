@@ -1,0 +1,3 @@
+#include "commandLineSrv.h"
+
+int main(int argc, char** argv) { return vrecMain(argc, argv); }
