@@ -1,12 +1,29 @@
 #include "portMgnt.h"
 
+#include <memory>
+
 #include "diagLog.h"
 #include "fileSystem.h"
+#include "portDiscovery.h"
 #include "serialport.h"
 
 namespace {
+
 PortMgnt* g_portMgnt = nullptr;
+
+const char* const kPortTypeNames[] = {"PCUI AND DIAG port", "MODEM", "NDIS_PORT",
+                                      "WIFI",               "PCUI",  "DIAG"};
+
+bool containsAny(const std::string& name, const std::vector<std::string>& keywords) {
+    for (const std::string& keyword : keywords) {
+        if (name.find(keyword) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
 }
+
+}  // namespace
 
 PortMgnt* PortMgnt::getInstance() {
     if (g_portMgnt == nullptr) {
@@ -15,14 +32,140 @@ PortMgnt* PortMgnt::getInstance() {
     return g_portMgnt;
 }
 
-PortMgnt::PortMgnt() : savePath(CDirectory::GetCurrentDir()) { DIAG_TRACE(); }
+PortMgnt::PortMgnt()
+    : diagKeywords{"diag", "Diag", "Application", "TAT Port"},
+      pcuiKeywords{"PC UI", " AT ", "Pcui", "pcui", "Vodafone Mobile Broadband Secondary Port Modem"},
+      savePath(CDirectory::GetCurrentDir()) {
+    DIAG_TRACE();
+}
 
 PortMgnt::~PortMgnt() {
-    OS_ADAPT_Close(diagPort);
-    if (pcuiPort != diagPort) {
-        OS_ADAPT_Close(pcuiPort);
-    }
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    releaseHandle(diagPort);
+    releaseHandle(pcuiPort);
 }
+
+int PortMgnt::typeOf(const std::string& name) {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    return portTypes[name];  // an unseen name is filed as type 0
+}
+
+bool PortMgnt::isDiagPort(const std::string& name) {
+    return containsAny(name, diagKeywords) || typeOf(name) == PORT_TYPE_DIAG;
+}
+
+bool PortMgnt::isPcuiPort(const std::string& name) {
+    return containsAny(name, pcuiKeywords) || typeOf(name) == PORT_TYPE_PCUI;
+}
+
+bool PortMgnt::getPorts(std::list<std::string>& ports) {
+    DIAG_TRACE();
+    auto info = std::make_unique<DevicePortInfo>();
+    if (OS_ADAPT_EnumPorts(0, info.get()) != OS_ADAPT_SUCCESS) {
+        DIAG_LOG(LOG_ERRO, "Enum device port info faile!");
+        return false;
+    }
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    for (int d = 0; d < info->deviceCount && d < kMaxDevices; ++d) {
+        const DeviceEntry& device = info->devices[d];
+        for (int p = 0; p < device.portCount && p < kMaxPortRecords; ++p) {
+            const PortEntry& port = device.ports[p];
+            ports.emplace_back(port.name);
+            portTypes[port.name] = port.type;
+            if (port.type >= 0 && port.type <= PORT_TYPE_DIAG) {
+                DIAG_LOG(LOG_INFO, "Port type: %s", kPortTypeNames[port.type]);
+            } else {
+                DIAG_LOG(LOG_INFO, "Port type: Unknown");
+            }
+        }
+    }
+    return true;
+}
+
+std::string PortMgnt::getDiagPortName() {
+    DIAG_TRACE();
+    std::list<std::string> ports;
+    getPorts(ports);
+    if (ports.empty()) {
+        DIAG_LOG(LOG_INFO, "Did not find any port!");
+        return std::string();
+    }
+    for (const std::string& name : ports) {
+        if (isDiagPort(name)) {
+            return name;
+        }
+    }
+    return std::string();
+}
+
+std::string PortMgnt::getPcuiPortName() {
+    DIAG_TRACE();
+    std::list<std::string> ports;
+    getPorts(ports);
+    if (ports.empty()) {
+        DIAG_LOG(LOG_INFO, "Did not find any port!");
+        return std::string();
+    }
+    std::string chosen;
+    for (const std::string& name : ports) {
+        if (isPcuiPort(name)) {
+            chosen = name;
+        }
+    }
+    return chosen;
+}
+
+bool PortMgnt::openInto(const std::string& name, int& handle) {
+    releaseHandle(handle);
+    if (OS_ADAPT_Open(name.c_str(), &handle) != OS_ADAPT_SUCCESS) {
+        handle = -1;
+        return false;
+    }
+    return true;
+}
+
+void PortMgnt::releaseHandle(int& handle) {
+    if (handle == -1) {
+        return;
+    }
+    const int fd = handle;
+    // Where both sides share one descriptor, it is closed once and both let go of it.
+    if (diagPort == fd) {
+        diagPort = -1;
+    }
+    if (pcuiPort == fd) {
+        pcuiPort = -1;
+    }
+    handle = -1;
+    OS_ADAPT_Close(fd);
+}
+
+bool PortMgnt::openPort(const std::string& name) {
+    DIAG_LOG(LOG_INFO, "open port name: %s", name.c_str());
+    int handle = -1;
+    if (OS_ADAPT_Open(name.c_str(), &handle) != OS_ADAPT_SUCCESS) {
+        DIAG_LOG(LOG_ERRO, "port open failed.");
+        return false;
+    }
+    DIAG_LOG(LOG_INFO, "port open succeed.");
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    if (isDiagPort(name)) {
+        DIAG_LOG(LOG_INFO, "setPortMode diag");
+        releaseHandle(diagPort);
+        diagPort = handle;
+        pcuiAsDiag = true;
+        diagPortName = name;
+    } else {
+        pcuiAsDiag = false;
+        DIAG_LOG(LOG_INFO, "PCUI port is opened");
+        releaseHandle(pcuiPort);
+        pcuiPort = handle;
+        pcuiPortName = name;
+    }
+    return true;
+}
+
+bool PortMgnt::openPcuiPort() { return openPort(getPcuiPortName()); }
 
 bool PortMgnt::openDiagPortByName(const char* name) {
     if (name == nullptr) {
@@ -30,8 +173,7 @@ bool PortMgnt::openDiagPortByName(const char* name) {
     }
     DIAG_LOG(LOG_INFO, "Open Diag Port name: %s\n", name);
     std::lock_guard<std::recursive_mutex> lock(handleLock);
-    if (OS_ADAPT_Open(name, &diagPort) != OS_ADAPT_SUCCESS) {
-        diagPort = -1;
+    if (!openInto(name, diagPort)) {
         DIAG_LOG(LOG_ERRO, "open diag port failed.");
         return false;
     }
@@ -48,14 +190,47 @@ bool PortMgnt::openPcuiPortByName(const char* name) {
     }
     DIAG_LOG(LOG_INFO, "Open Pcui Port name: %s\n", name);
     std::lock_guard<std::recursive_mutex> lock(handleLock);
-    if (OS_ADAPT_Open(name, &pcuiPort) != OS_ADAPT_SUCCESS) {
-        pcuiPort = -1;
+    if (!openInto(name, pcuiPort)) {
         DIAG_LOG(LOG_ERRO, "open pcui port failed.");
         return false;
     }
     pcuiAsDiag = false;
     pcuiPortName = name;
     return true;
+}
+
+int PortMgnt::regainDiagPort() {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    releaseHandle(diagPort);
+    const std::string name = diagPortName.empty() ? getDiagPortName() : diagPortName;
+    if (name.empty() || !openInto(name, diagPort)) {
+        DIAG_LOG(LOG_INFO, "Regain Diag port error");
+        return -1;
+    }
+    DIAG_LOG(LOG_INFO, "Regain Diag port success");
+    return diagPort;
+}
+
+int PortMgnt::regainPcuiPort() {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    releaseHandle(pcuiPort);
+    const std::string name = pcuiPortName.empty() ? getPcuiPortName() : pcuiPortName;
+    if (name.empty() || !openInto(name, pcuiPort)) {
+        DIAG_LOG(LOG_INFO, "Regain Pcui port error");
+        return -1;
+    }
+    DIAG_LOG(LOG_INFO, "Regain Pcui port success");
+    return pcuiPort;
+}
+
+int PortMgnt::getDiagHandle() {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    return diagPort != -1 ? diagPort : regainDiagPort();
+}
+
+int PortMgnt::getPcuiHandle() {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    return pcuiPort != -1 ? pcuiPort : regainPcuiPort();
 }
 
 void PortMgnt::setSavePath(const std::string& path) {
@@ -85,14 +260,4 @@ bool PortMgnt::isPcuiAsDiag() const {
 bool PortMgnt::isReading() const {
     std::lock_guard<std::recursive_mutex> lock(handleLock);
     return reading;
-}
-
-std::string PortMgnt::diagName() const {
-    std::lock_guard<std::recursive_mutex> lock(handleLock);
-    return diagPortName;
-}
-
-std::string PortMgnt::pcuiName() const {
-    std::lock_guard<std::recursive_mutex> lock(handleLock);
-    return pcuiPortName;
 }

@@ -1,11 +1,16 @@
 #ifndef VREC_SRV_PORTMGNT_H
 #define VREC_SRV_PORTMGNT_H
 
+#include <cstdint>
+#include <list>
+#include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
-// The one owner of the module's Diag and PCUI ports: it opens them, lends their handles
-// and closes them. It also holds the directory that log output goes under.
+// The one owner of the module's Diag and PCUI ports: it tells which device is which, opens
+// and closes them, lends their handles and regains a port that went away. It also holds
+// the directory that log output goes under.
 class PortMgnt {
 public:
     static PortMgnt* getInstance();
@@ -13,23 +18,48 @@ public:
     PortMgnt(const PortMgnt&) = delete;
     PortMgnt& operator=(const PortMgnt&) = delete;
 
+    // Appends the device paths of the module's ports, in discovery order.
+    bool getPorts(std::list<std::string>& ports);
+    // The first Diag port found, or empty.
+    std::string getDiagPortName();
+    // The last PCUI port found, or empty.
+    std::string getPcuiPortName();
+
+    // Opens a port and files it on the Diag side if its name classifies as Diag, else on
+    // the PCUI side.
+    bool openPort(const std::string& name);
+    bool openPcuiPort();
     // Port overrides given on the command line; a failed open leaves discovery to later.
     bool openDiagPortByName(const char* name);
     bool openPcuiPortByName(const char* name);
+
+    // Close the old handle and open the port again by its stored or discovered name.
+    int regainDiagPort();
+    int regainPcuiPort();
+    // The handle, regained first if there is none.
+    int getDiagHandle();
+    int getPcuiHandle();
 
     void setSavePath(const std::string& path);
     std::string getSavePath() const;
 
     bool isPcuiAsDiag() const;
     bool isReading() const;
-    std::string diagName() const;
-    std::string pcuiName() const;
+
+    // Classification of a port name by keyword, else by the type discovery gave it.
+    bool isDiagPort(const std::string& name);
+    bool isPcuiPort(const std::string& name);
 
 private:
     PortMgnt();
 
-    // Handles change under this lock so that no descriptor is closed twice or lent after
-    // it was closed.
+    int typeOf(const std::string& name);
+    bool openInto(const std::string& name, int& handle);
+    // Closes a handle once, also where both sides share the descriptor.
+    void releaseHandle(int& handle);
+
+    // Handles change under this lock so that a regain on one thread and a close on another
+    // never close a descriptor twice nor lend one that was closed.
     mutable std::recursive_mutex handleLock;
     std::string diagPortName;
     std::string pcuiPortName;
@@ -37,7 +67,10 @@ private:
     int pcuiPort = -1;
     bool pcuiAsDiag = false;
     bool reading = false;
+    const std::vector<std::string> diagKeywords;
+    const std::vector<std::string> pcuiKeywords;
     std::string savePath;
+    std::map<std::string, int32_t> portTypes;
 };
 
 #endif

@@ -115,3 +115,15 @@ int OS_ADAPT_Read(int handle, void* buffer, int length, int* count) {
 int OS_ADAPT_Write(int handle, const void* buffer, int length, int* count) {
     return serialPort().Write(handle, buffer, length, count);
 }
+
+int OS_ADAPT_WaitReadable(int handle, int timeoutMs) {
+    if (handle == -1) {
+        return -1;
+    }
+    pollfd pfd{handle, POLLIN, 0};
+    const int rc = g_calls.poll(&pfd, 1, timeoutMs < 0 ? 0 : timeoutMs);
+    if (rc < 0) {
+        return -1;
+    }
+    return rc > 0 ? 1 : 0;
+}

@@ -40,4 +40,9 @@ SerialSysCalls& serialSysCalls();
 // Puts the real system calls back.
 void resetSerialSysCalls();
 
+// Waits at most `timeoutMs` (0: just looks) until the port has data or was hung up.
+// 1 when it is ready, 0 when the time ran out, -1 on a bad handle or a failed wait.
+// Callers with a time limit wait here first, so that OS_ADAPT_Read then returns at once.
+int OS_ADAPT_WaitReadable(int handle, int timeoutMs);
+
 #endif

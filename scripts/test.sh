@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# The whole suite: installs what is missing, builds twice (warnings as errors, then with
+# AddressSanitizer and UndefinedBehaviorSanitizer) and runs the tests of both builds.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+jobs=${JOBS:-2}
+
+"$root/scripts/setup.sh"
+
+build() {
+    local dir=$1
+    shift
+    cmake -S "$root" -B "$dir" -DVREC_WERROR=ON "$@" >/dev/null
+    cmake --build "$dir" -j "$jobs"
+}
+
+build "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+build "$root/build-asan" -DCMAKE_BUILD_TYPE=Debug -DVREC_SANITIZE=ON
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+
+status=0
+echo "== tests, normal build"
+(cd "$root/build" && ctest -j "$jobs" --output-on-failure) || status=1
+echo "== tests, sanitizer build"
+(cd "$root/build-asan" && ctest -j "$jobs" --output-on-failure) || status=1
+exit $status
