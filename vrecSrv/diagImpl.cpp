@@ -1,22 +1,36 @@
 #include "diagImpl.h"
 
 #include "diagLog.h"
+#include "diagService.h"
+#include "portMgnt.h"
 
 DiagImpl::DiagImpl() { DIAG_TRACE(); }
 
 DiagImpl::~DiagImpl() { DIAG_TRACE(); }
 
-bool DiagImpl::startLog(const CaptureOptions& /*options*/) {
+bool DiagImpl::startLog(const CaptureOptions& options) {
     DIAG_TRACE();
-    // The Diag capture machinery is not part of this build yet: report a failed start so
-    // that the run ends in order.
-    DIAG_LOG(LOG_ERRO, "diag capture is not available in this build.");
-    return false;
+    DiagService* diag = DiagService::getInstance();
+    diag->setChipType(options.mode == CAPTURE_IMC ? CHIP_IMC : CHIP_QUALCOMM);
+    diag->setTotalSize(static_cast<uint32_t>(options.totalSize));
+    diag->setCycleSize(static_cast<uint32_t>(options.cycleSize));
+    setReport(options.reportStep != 0, options.reportStep);
+    diag->setOverwrite(options.overwrite);
+    // The reader runs before the first command leaves, so the module's answers are logged.
+    if (!PortMgnt::getInstance()->startReadDiag()) {
+        return false;
+    }
+    diag->sendStartCmds();
+    return true;
 }
 
 bool DiagImpl::stopLog() {
     DIAG_TRACE();
-    return true;
+    // Stop commands go out while the reader still runs, so their answers land in the log.
+    DiagService::getInstance()->sendStopCmds();
+    return PortMgnt::getInstance()->stopReadDiag();
 }
 
-void DiagImpl::setReport(bool /*enabled*/, unsigned /*step*/) {}
+void DiagImpl::setReport(bool enabled, unsigned step) {
+    DiagService::getInstance()->setReport(enabled, step);
+}

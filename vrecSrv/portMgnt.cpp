@@ -2,7 +2,9 @@
 
 #include <memory>
 
+#include "console.h"
 #include "diagLog.h"
+#include "diagService.h"
 #include "fileSystem.h"
 #include "portDiscovery.h"
 #include "serialport.h"
@@ -40,6 +42,15 @@ PortMgnt::PortMgnt()
 }
 
 PortMgnt::~PortMgnt() {
+    bool haveDiag = false;
+    {
+        std::lock_guard<std::recursive_mutex> lock(handleLock);
+        haveDiag = diagPort != -1;
+    }
+    if (haveDiag) {
+        stopReadDiag();
+    }
+    DiagService::destroy();
     std::lock_guard<std::recursive_mutex> lock(handleLock);
     releaseHandle(diagPort);
     releaseHandle(pcuiPort);
@@ -231,6 +242,104 @@ int PortMgnt::getDiagHandle() {
 int PortMgnt::getPcuiHandle() {
     std::lock_guard<std::recursive_mutex> lock(handleLock);
     return pcuiPort != -1 ? pcuiPort : regainPcuiPort();
+}
+
+bool PortMgnt::startReadDiag() {
+    DIAG_TRACE();
+    int handle = -1;
+    std::string path;
+    {
+        std::lock_guard<std::recursive_mutex> lock(handleLock);
+        if (diagPort == -1) {
+            if (pcuiAsDiag) {
+                if (pcuiPort == -1) {
+                    DIAG_LOG(LOG_ERRO, "use pcui as diag mode failed.");
+                    return false;
+                }
+                diagPort = pcuiPort;  // both sides share one descriptor
+            } else {
+                const std::string name = getDiagPortName();
+                if (name.empty()) {
+                    DIAG_LOG(LOG_ERRO, "get diag port failed.");
+                    consolePrint(
+                        "%sERROR: can't find the Diag port of your device. \nif the device is "
+                        "connected properly, you might try to specify the port name manually "
+                        "using -d\n",
+                        kLineClear);
+                    return false;
+                }
+                DIAG_LOG(LOG_INFO, "Open port name: %s", name.c_str());
+                if (!openInto(name, diagPort)) {
+                    DIAG_LOG(LOG_ERRO, "open diag port failed.");
+                    consolePrint(
+                        "%sERROR: can't open the Diag port of your device. Please check if it's "
+                        "being used\n",
+                        kLineClear);
+                    return false;
+                }
+                diagPortName = name;
+            }
+        }
+        handle = diagPort;
+        path = savePath;
+    }
+    // The reader calls back here to regain the port, so the lock is not held while it starts.
+    if (!DiagService::getInstance()->beginReadDiag(handle, path)) {
+        DIAG_LOG(LOG_ERRO, "read realtime log failed.");
+        return false;
+    }
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    reading = true;
+    return true;
+}
+
+bool PortMgnt::stopReadDiag() {
+    DIAG_TRACE();
+    {
+        std::lock_guard<std::recursive_mutex> lock(handleLock);
+        if (diagPort == -1) {
+            DIAG_LOG(LOG_INFO, "Port is not exist.");
+            return true;
+        }
+    }
+    // Never wait for the reader while holding the lock: it may be regaining the port.
+    DiagService::getInstance()->stopReadDiag();
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    reading = false;
+    if (pcuiAsDiag) {
+        return true;  // the port serves the PCUI side too and stays open
+    }
+    releaseHandle(diagPort);
+    diagPortName.clear();
+    return true;
+}
+
+bool PortMgnt::closeDiagPort() {
+    if (isReading()) {
+        DiagService::getInstance()->stopReadDiag();
+    }
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    releaseHandle(diagPort);
+    diagPortName.clear();
+    DIAG_LOG(LOG_INFO, "Diag port close succeed.");
+    return true;
+}
+
+bool PortMgnt::closePcuiPort() {
+    bool readerOnPcui = false;
+    {
+        std::lock_guard<std::recursive_mutex> lock(handleLock);
+        // Only a reader that reads this very descriptor has to stop before it closes.
+        readerOnPcui = pcuiAsDiag && reading && pcuiPort != -1 && pcuiPort == diagPort;
+    }
+    if (readerOnPcui) {
+        DiagService::getInstance()->stopReadDiag();
+    }
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    releaseHandle(pcuiPort);
+    pcuiPortName.clear();
+    DIAG_LOG(LOG_INFO, "Pcui port close succeed.");
+    return true;
 }
 
 void PortMgnt::setSavePath(const std::string& path) {

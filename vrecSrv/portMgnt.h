@@ -40,6 +40,13 @@ public:
     int getDiagHandle();
     int getPcuiHandle();
 
+    // Real-time reading: opens the Diag port if need be and starts the reader; stops the
+    // reader and closes the port.
+    bool startReadDiag();
+    bool stopReadDiag();
+    bool closeDiagPort();
+    bool closePcuiPort();
+
     void setSavePath(const std::string& path);
     std::string getSavePath() const;
 

@@ -127,3 +127,46 @@ int OS_ADAPT_WaitReadable(int handle, int timeoutMs) {
     }
     return rc > 0 ? 1 : 0;
 }
+
+int OS_ADAPT_WaitPortOrWake(int handle, int wakeFd) {
+    if (handle == -1) {
+        return -1;
+    }
+    pollfd pfds[2] = {{handle, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+    const nfds_t count = wakeFd >= 0 ? 2 : 1;
+    if (g_calls.poll(pfds, count, -1) < 0) {
+        return -1;
+    }
+    if (count == 2 && pfds[1].revents != 0) {
+        return 2;
+    }
+    return 1;
+}
+
+CWakeup::CWakeup() {
+    if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) {
+        fds[0] = fds[1] = -1;
+    }
+}
+
+CWakeup::~CWakeup() {
+    for (int fd : fds) {
+        if (fd != -1) {
+            close(fd);
+        }
+    }
+}
+
+void CWakeup::Signal() {
+    const char byte = 1;
+    if (fds[1] != -1) {
+        ssize_t ignored = write(fds[1], &byte, 1);
+        (void)ignored;
+    }
+}
+
+void CWakeup::Drain() {
+    char buffer[64];
+    while (fds[0] != -1 && read(fds[0], buffer, sizeof(buffer)) > 0) {
+    }
+}

@@ -45,4 +45,26 @@ void resetSerialSysCalls();
 // Callers with a time limit wait here first, so that OS_ADAPT_Read then returns at once.
 int OS_ADAPT_WaitReadable(int handle, int timeoutMs);
 
+// Waits without limit until the port has data or was hung up, or until `wakeFd` becomes
+// readable. 1: the port is ready; 2: woken; -1: a bad handle or a failed wait.
+int OS_ADAPT_WaitPortOrWake(int handle, int wakeFd);
+
+// A pipe that lets one thread wake another that waits on a port, so that a stop does not
+// have to outlast a silent module.
+class CWakeup {
+public:
+    CWakeup();
+    ~CWakeup();
+    CWakeup(const CWakeup&) = delete;
+    CWakeup& operator=(const CWakeup&) = delete;
+
+    int Fd() const { return fds[0]; }
+    void Signal();
+    // Empties the pipe after a wake-up has been seen.
+    void Drain();
+
+private:
+    int fds[2] = {-1, -1};
+};
+
 #endif
