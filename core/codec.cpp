@@ -82,22 +82,25 @@ std::string Base64Decode(const char* text, int length, int* count) {
             ++*count;
         }
     };
-    // Groups of four; where padding turns up, the next group is counted from the padding.
+    // One group per four characters of the text. Where padding turns up, the next group
+    // starts at the padding itself, so `next` lags behind `pos` from then on.
+    int next = 0;
     for (int pos = 0; pos < length; pos += 4) {
-        const unsigned a = sextet(at(pos));
-        const unsigned b = sextet(at(pos + 1));
+        const unsigned a = sextet(at(next));
+        const unsigned b = sextet(at(next + 1));
         emit((a << 2) | (b >> 4));
-        if (at(pos + 2) == '=') {
-            pos += 2;
+        if (at(next + 2) == '=') {
+            next += 2;
             continue;
         }
-        const unsigned c = sextet(at(pos + 2));
+        const unsigned c = sextet(at(next + 2));
         emit(((b & 0x0F) << 4) | (c >> 2));
-        if (at(pos + 3) == '=') {
-            pos += 3;
+        if (at(next + 3) == '=') {
+            next += 3;
             continue;
         }
-        emit(((c & 0x03) << 6) | sextet(at(pos + 3)));
+        emit(((c & 0x03) << 6) | sextet(at(next + 3)));
+        next += 4;
     }
     return out;
 }

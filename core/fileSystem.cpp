@@ -30,11 +30,11 @@ bool CFile::Close() {
     if (stream == nullptr) {
         return false;
     }
-    if (fclose(stream) != 0) {
-        return false;
-    }
+    // fclose releases the stream even when its final flush fails (a full medium), so the
+    // pointer must not outlive the call; the failure still reaches the caller.
+    const bool closed = fclose(stream) == 0;
     stream = nullptr;
-    return true;
+    return closed;
 }
 
 bool CFile::Rename(const std::string& newPath) const {

@@ -290,7 +290,9 @@ void CommandLineSrv::checkOptions() {
         consolePrint("WARNING: vrec will overwrite existing captured log files.\n");
     }
     if (options.totalSize != 0 && options.cycleSize != 0 && options.totalSize < options.cycleSize) {
-        options.totalSize = options.cycleSize * 2;
+        // Doubled in 32 unsigned bits, so that a huge cycle wraps instead of overflowing;
+        // the capture reads the size as unsigned.
+        options.totalSize = static_cast<int32_t>(static_cast<uint32_t>(options.cycleSize) * 2u);
         consolePrint(
             "WARNING: the max log saving size is less than the size of saving cycle.\n"
             "\t\t\tuse twice cycle size as max log size instead. ");

@@ -130,6 +130,13 @@ void Pty::closeSlave() {
     }
 }
 
+void Pty::closeMaster() {
+    if (masterFd != -1) {
+        close(masterFd);
+        masterFd = -1;
+    }
+}
+
 std::string Pty::readMaster(size_t count, int timeoutMs) {
     std::string got;
     const auto start = Clock::now();
@@ -160,6 +167,20 @@ void Pty::writeMaster(const std::string& bytes) {
             throw std::runtime_error("write to pty master failed");
         }
         done += static_cast<size_t>(n);
+    }
+}
+
+CurrentDir::CurrentDir(const std::string& path) {
+    char buffer[4096] = {};
+    if (getcwd(buffer, sizeof(buffer)) == nullptr || chdir(path.c_str()) != 0) {
+        throw std::runtime_error("cannot change to " + path);
+    }
+    previous = buffer;
+}
+
+CurrentDir::~CurrentDir() {
+    if (chdir(previous.c_str()) != 0) {
+        perror("chdir back");
     }
 }
 

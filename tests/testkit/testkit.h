@@ -36,6 +36,8 @@ public:
     int slave() const { return slaveFd; }
     const std::string& slaveName() const { return name; }
     void closeSlave();
+    // Hangs the line up, as an unplugged module does.
+    void closeMaster();
     // Reads from the master until `count` bytes came or `timeoutMs` passed.
     std::string readMaster(size_t count, int timeoutMs);
     void writeMaster(const std::string& bytes);
@@ -44,6 +46,18 @@ private:
     int masterFd = -1;
     int slaveFd = -1;
     std::string name;
+};
+
+// Makes `path` the working directory for the scope, then goes back.
+class CurrentDir {
+public:
+    explicit CurrentDir(const std::string& path);
+    ~CurrentDir();
+    CurrentDir(const CurrentDir&) = delete;
+    CurrentDir& operator=(const CurrentDir&) = delete;
+
+private:
+    std::string previous;
 };
 
 std::string readFile(const std::string& path);

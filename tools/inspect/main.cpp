@@ -1,0 +1,150 @@
+// vrec-inspect: a one-command check that a capture is whole.
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "captureCheck.h"
+
+namespace {
+
+const char* const kUsage =
+    "Usage: vrec-inspect [--strict] [--each] FILE...\n"
+    "Reads Diag captures (real_log.bin and its items) and reports bytes, HDLC frames,\n"
+    "frames with a bad check sequence, bytes outside frames, DIAG packets by kind and log\n"
+    "code, and the gaps in the sequence numbers of a vrec-modemsim stream.\n"
+    "The files are read as one stream, the items of a capture in the order they were\n"
+    "written, so a frame cut at an item boundary counts once.\n"
+    "  --each     check every file on its own\n"
+    "  --strict   count a cut frame at the start or the end of the stream as corruption\n"
+    "Exit status: 0 whole, 1 corruption or a gap, 2 bad usage or an unreadable file.\n";
+
+bool feedFile(const std::string& path, vtools::CaptureCheck& check, uint64_t* size) {
+    FILE* file = fopen(path.c_str(), "rb");
+    if (file == nullptr) {
+        fprintf(stderr, "vrec-inspect: open(%s) failed: %s\n", path.c_str(), strerror(errno));
+        return false;
+    }
+    char buffer[65536];
+    size_t n = 0;
+    *size = 0;
+    while ((n = fread(buffer, 1, sizeof(buffer), file)) > 0) {
+        check.feed(buffer, n);
+        *size += n;
+    }
+    const bool ok = ferror(file) == 0;
+    if (!ok) {
+        fprintf(stderr, "vrec-inspect: read(%s) failed\n", path.c_str());
+    }
+    fclose(file);
+    return ok;
+}
+
+void report(const vtools::CaptureCheck& check, bool strict) {
+    printf("bytes: %llu\n", static_cast<unsigned long long>(check.bytes));
+    printf("frames: %llu good, %llu bad check sequence\n",
+           static_cast<unsigned long long>(check.goodFrames),
+           static_cast<unsigned long long>(check.badFrames));
+    printf("bytes outside frames: %llu\n", static_cast<unsigned long long>(check.junkBytes));
+    if (check.headBytes > 0) {
+        printf("cut frame at the start: %llu bytes\n",
+               static_cast<unsigned long long>(check.headBytes));
+    }
+    if (check.incompleteBytes > 0) {
+        printf("cut frame at the end: %llu bytes\n",
+               static_cast<unsigned long long>(check.incompleteBytes));
+    }
+    auto kindCount = [&](vtools::PacketKind kind) {
+        const auto it = check.kinds.find(kind);
+        return static_cast<unsigned long long>(it == check.kinds.end() ? 0 : it->second);
+    };
+    printf("packets: log %llu, event %llu, message %llu, response %llu\n",
+           kindCount(vtools::PacketKind::kLog), kindCount(vtools::PacketKind::kEvent),
+           kindCount(vtools::PacketKind::kMessage), kindCount(vtools::PacketKind::kResponse));
+    for (const auto& entry : check.logCodes) {
+        printf("  log 0x%04X: %llu\n", entry.first, static_cast<unsigned long long>(entry.second));
+    }
+    const vtools::SeqStats& seq = check.sequence();
+    if (seq.packets > 0) {
+        printf(
+            "sequence: %llu packets, first %u, last %u, missing %llu in %llu gaps, "
+            "out of order %llu, damaged %llu\n",
+            static_cast<unsigned long long>(seq.packets), seq.first, seq.last,
+            static_cast<unsigned long long>(seq.missing), static_cast<unsigned long long>(seq.gaps),
+            static_cast<unsigned long long>(seq.outOfOrder),
+            static_cast<unsigned long long>(seq.corrupt));
+    }
+    const std::vector<std::string> problems = check.problems(strict);
+    if (problems.empty()) {
+        printf("verdict: whole\n");
+    }
+    for (const std::string& problem : problems) {
+        printf("verdict: CORRUPT: %s\n", problem.c_str());
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    bool strict = false;
+    bool each = false;
+    std::vector<std::string> files;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--strict") {
+            strict = true;
+        } else if (arg == "--each") {
+            each = true;
+        } else if (arg == "-h" || arg == "--help") {
+            fputs(kUsage, stdout);
+            return 0;
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            fprintf(stderr, "vrec-inspect: unknown option %s\n%s", arg.c_str(), kUsage);
+            return 2;
+        } else {
+            files.push_back(arg);
+        }
+    }
+    if (files.empty()) {
+        fputs(kUsage, stderr);
+        return 2;
+    }
+
+    bool clean = true;
+    bool readable = true;
+    if (each) {
+        for (const std::string& path : files) {
+            vtools::CaptureCheck check;
+            uint64_t size = 0;
+            printf("== %s\n", path.c_str());
+            if (!feedFile(path, check, &size)) {
+                readable = false;
+                continue;
+            }
+            check.finish();
+            report(check, strict);
+            clean = clean && check.clean(strict);
+        }
+    } else {
+        vtools::CaptureCheck check;
+        for (const std::string& path : vtools::captureOrder(files)) {
+            uint64_t size = 0;
+            if (!feedFile(path, check, &size)) {
+                readable = false;
+                break;
+            }
+            printf("file %s: %llu bytes\n", path.c_str(), static_cast<unsigned long long>(size));
+        }
+        if (readable) {
+            check.finish();
+            report(check, strict);
+            clean = check.clean(strict);
+        }
+    }
+    if (!readable) {
+        return 2;
+    }
+    return clean ? 0 : 1;
+}

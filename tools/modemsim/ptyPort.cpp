@@ -1,0 +1,84 @@
+#include "ptyPort.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace vtools {
+
+namespace {
+
+std::string failure(const char* what, const std::string& path) {
+    return std::string(what) + "(" + path + ") failed: " + strerror(errno);
+}
+
+}  // namespace
+
+bool PtyPort::open(const std::string& link, std::string* error) {
+    close();
+    master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (master == -1) {
+        *error = failure("posix_openpt", "/dev/ptmx");
+        return false;
+    }
+    char name[128] = {};
+    if (grantpt(master) != 0 || unlockpt(master) != 0 ||
+        ptsname_r(master, name, sizeof(name)) != 0) {
+        *error = failure("unlockpt", "/dev/ptmx");
+        close();
+        return false;
+    }
+    slaveName = name;
+    slaveHold = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (slaveHold == -1) {
+        *error = failure("open", slaveName);
+        close();
+        return false;
+    }
+    // Raw, so that the line discipline neither echoes nor translates: a module's port
+    // passes bytes unchanged whatever the host sets later.
+    termios tio{};
+    tcgetattr(slaveHold, &tio);
+    cfmakeraw(&tio);
+    cfsetispeed(&tio, B115200);
+    cfsetospeed(&tio, B115200);
+    tcsetattr(slaveHold, TCSANOW, &tio);
+    fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
+
+    // Point the link at the terminal in one step, so that a host never sees it missing
+    // while an old one is replaced.
+    const std::string temporary = link + ".new";
+    unlink(temporary.c_str());
+    if (symlink(slaveName.c_str(), temporary.c_str()) != 0 ||
+        rename(temporary.c_str(), link.c_str()) != 0) {
+        *error = failure("symlink", link);
+        unlink(temporary.c_str());
+        close();
+        return false;
+    }
+    linkPath = link;
+    return true;
+}
+
+void PtyPort::close() {
+    if (!linkPath.empty()) {
+        unlink(linkPath.c_str());
+        linkPath.clear();
+    }
+    if (slaveHold != -1) {
+        ::close(slaveHold);
+        slaveHold = -1;
+    }
+    if (master != -1) {
+        ::close(master);
+        master = -1;
+    }
+    slaveName.clear();
+}
+
+}  // namespace vtools

@@ -1,0 +1,38 @@
+#ifndef VREC_TOOLS_PTYPORT_H
+#define VREC_TOOLS_PTYPORT_H
+
+#include <string>
+
+namespace vtools {
+
+// One port of the simulated module: the master end of a pseudo-terminal, with a symbolic
+// link at a fixed path to the terminal end, so that a port made anew keeps its name.
+class PtyPort {
+public:
+    PtyPort() = default;
+    ~PtyPort() { close(); }
+    PtyPort(const PtyPort&) = delete;
+    PtyPort& operator=(const PtyPort&) = delete;
+
+    // Makes the terminal and points `link` at it. False, with the reason in `error`.
+    bool open(const std::string& link, std::string* error);
+    // Closes both ends and takes the link away, as when a module drops off the bus: a host
+    // that holds the terminal end gets a hang-up.
+    void close();
+    bool isOpen() const { return master != -1; }
+    int fd() const { return master; }
+    const std::string& terminal() const { return slaveName; }
+    const std::string& link() const { return linkPath; }
+
+private:
+    int master = -1;
+    // Held open by the simulator itself, so that the master does not report a hang-up
+    // while no host has the port open and bytes can wait for the host as on a real port.
+    int slaveHold = -1;
+    std::string slaveName;
+    std::string linkPath;
+};
+
+}  // namespace vtools
+
+#endif

@@ -1,0 +1,292 @@
+#include "simOptions.h"
+
+#include <getopt.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace vtools {
+
+namespace {
+
+bool parseNumber(const std::string& text, long* value) {
+    if (text.empty()) {
+        return false;
+    }
+    char* end = nullptr;
+    *value = strtol(text.c_str(), &end, 10);
+    return *end == '\0' && *value >= 0;
+}
+
+bool isPortName(const std::string& name) {
+    return name == "diag" || name == "pcui" || name == "port" || name == "all";
+}
+
+}  // namespace
+
+bool parseFault(const std::string& spec, Fault* fault, std::string* error) {
+    *fault = Fault();
+    fault->spec = spec;
+    const size_t equals = spec.find('=');
+    const std::string name = spec.substr(0, equals);
+    std::string value = equals == std::string::npos ? "" : spec.substr(equals + 1);
+    if (name == "error" || name == "unsolicited") {
+        fault->kind = name == "error" ? Fault::kError : Fault::kUnsolicited;
+        fault->text = value;
+        return true;
+    }
+    // Numeric faults may wait: "...@MS".
+    const size_t at = value.find('@');
+    if (at != std::string::npos) {
+        if (!parseNumber(value.substr(at + 1), &fault->afterMs)) {
+            *error = "bad delay in fault " + spec;
+            return false;
+        }
+        value.erase(at);
+    }
+    if (name == "hangup") {
+        fault->kind = Fault::kHangup;
+        const size_t colon = value.find(':');
+        fault->port = value.substr(0, colon);
+        fault->value = 1000;
+        if (fault->port.empty()) {
+            fault->port = "all";
+        }
+        if (!isPortName(fault->port) ||
+            (colon != std::string::npos && !parseNumber(value.substr(colon + 1), &fault->value))) {
+            *error = "bad fault " + spec + " (hangup=diag|pcui|port|all[:MS])";
+            return false;
+        }
+        return true;
+    }
+    if (name == "silent") {
+        fault->kind = Fault::kSilent;
+        fault->port = value.empty() ? "all" : value;
+        if (!isPortName(fault->port) && fault->port != "off") {
+            *error = "bad fault " + spec + " (silent[=diag|pcui|port|all|off])";
+            return false;
+        }
+        return true;
+    }
+    if (name == "split" || name == "rsfr-stop") {
+        fault->kind = name == "split" ? Fault::kSplit : Fault::kStopTransfer;
+        if (!parseNumber(value, &fault->value)) {
+            *error = "bad fault " + spec + " (" + name + "=N)";
+            return false;
+        }
+        return true;
+    }
+    *error = "unknown fault " + spec;
+    return false;
+}
+
+const char* simUsage() {
+    return "Usage: vrec-modemsim [options]\n"
+           "A USB cellular module on pseudo-terminals, for vrec's tests and demos.\n"
+           "Ports (a symbolic link at PATH points at the terminal; a port made anew keeps it):\n"
+           "  --diag PATH            Diag port: HDLC DIAG requests in, responses and log out\n"
+           "  --pcui PATH            PCUI port: AT commands\n"
+           "  --port PATH            one port for both: AT commands in tunnel frames\n"
+           "                         (4B C9 E8 FF id len16 text), answered in tunnel frames\n"
+           "Diag stream (starts with log configuration operation 3 or at+trace=1, ends with\n"
+           "operation 0 or at+trace=0):\n"
+           "  --rate N               log packets per second (0, default: as fast as the host\n"
+           "                         reads)\n"
+           "  --total N              end the stream after N packets in all (0: no end)\n"
+           "  --replay FILE          send FILE's frames instead of the sequence stream\n"
+           "  --no-answers           leave DIAG requests unanswered\n"
+           "  --drop-when-full       never wait for the host: bytes that do not fit are\n"
+           "                         dropped and counted (default: wait, as flow control does)\n"
+           "AT side:\n"
+           "  --files DIR            files that AT^RSFR lists and serves\n"
+           "  --upload-dir DIR       where a finished AT^RSFW upload is stored (default: .)\n"
+           "  --piece-size N         file bytes per AT^RSFR answer (default 512)\n"
+           "  --cmdlen N             AT^CMDLEN? answer; longer commands get ERROR (default 1024)\n"
+           "  --list-unquoted        AT^RSFR=? as \"^RSFR: a b\" instead of '^RSFR: "
+           "(\"a\",\"b\")'\n"
+           "  --echo on|off          echo of commands (default on; ATE0/ATE1 switch it)\n"
+           "Record, control and faults:\n"
+           "  --record FILE          one line per thing received: MS PORT KIND DATA, where KIND "
+           "is\n"
+           "                         frame, badfcs, junk (hex), tunnel (ID TEXT), badtunnel,\n"
+           "                         text, at (escaped text) or event (words)\n"
+           "  --control PATH         FIFO that takes lines: a fault, \"stats\" or \"quit\"\n"
+           "  --fault SPEC           hangup=PORT[:MS]  close PORT (diag|pcui|port|all) and make\n"
+           "                                           it again after MS (default 1000)\n"
+           "                         silent[=PORT|off] read but send nothing\n"
+           "                         error=CMD         answer ERROR to AT+CMD..., e.g. ^MDSL\n"
+           "                         split=N           answers in writes of N bytes, 20 ms apart\n"
+           "                         unsolicited=TEXT  the line TEXT before every answer\n"
+           "                         rsfr-stop=N       a file transfer fails after N pieces\n"
+           "                         Numeric faults take \"@MS\" to wait MS after the start.\n"
+           "Discovery:\n"
+           "  --sysfs DIR            write DIR/sys/bus/usb/... for the module (alone: then exit)\n"
+           "  --product PID          product ID in modalias (default F001)\n"
+           "  --protocol-roles       interfaces state their role in bInterfaceProtocol\n"
+           "                         (default FF: the interface number decides)\n"
+           "  --tty-base N           ttyUSB number of interface 0 (default 0)\n"
+           "The byte counts (offered, written, dropped) are printed on exit, on SIGUSR1 and on\n"
+           "\"stats\". SIGINT or SIGTERM end the run.\n";
+}
+
+int parseSimOptions(int argc, char** argv, SimOptions* options) {
+    enum {
+        kDiag = 256,
+        kPcui,
+        kPort,
+        kRate,
+        kTotal,
+        kReplay,
+        kNoAnswers,
+        kDrop,
+        kFiles,
+        kUpload,
+        kPiece,
+        kCmdlen,
+        kUnquoted,
+        kEcho,
+        kRecord,
+        kControl,
+        kFault,
+        kSysfs,
+        kProduct,
+        kProtocol,
+        kTtyBase,
+        kHelp
+    };
+    static const option kLong[] = {{"diag", required_argument, nullptr, kDiag},
+                                   {"pcui", required_argument, nullptr, kPcui},
+                                   {"port", required_argument, nullptr, kPort},
+                                   {"rate", required_argument, nullptr, kRate},
+                                   {"total", required_argument, nullptr, kTotal},
+                                   {"replay", required_argument, nullptr, kReplay},
+                                   {"no-answers", no_argument, nullptr, kNoAnswers},
+                                   {"drop-when-full", no_argument, nullptr, kDrop},
+                                   {"files", required_argument, nullptr, kFiles},
+                                   {"upload-dir", required_argument, nullptr, kUpload},
+                                   {"piece-size", required_argument, nullptr, kPiece},
+                                   {"cmdlen", required_argument, nullptr, kCmdlen},
+                                   {"list-unquoted", no_argument, nullptr, kUnquoted},
+                                   {"echo", required_argument, nullptr, kEcho},
+                                   {"record", required_argument, nullptr, kRecord},
+                                   {"control", required_argument, nullptr, kControl},
+                                   {"fault", required_argument, nullptr, kFault},
+                                   {"sysfs", required_argument, nullptr, kSysfs},
+                                   {"product", required_argument, nullptr, kProduct},
+                                   {"protocol-roles", no_argument, nullptr, kProtocol},
+                                   {"tty-base", required_argument, nullptr, kTtyBase},
+                                   {"help", no_argument, nullptr, kHelp},
+                                   {nullptr, 0, nullptr, 0}};
+    optind = 1;
+    opterr = 0;
+    int opt = 0;
+    while ((opt = getopt_long(argc, argv, "h", kLong, nullptr)) != -1) {
+        const std::string arg = optarg == nullptr ? "" : optarg;
+        long number = 0;
+        const bool numeric = parseNumber(arg, &number);
+        std::string error;
+        switch (opt) {
+            case kDiag:
+                options->diagLink = arg;
+                break;
+            case kPcui:
+                options->pcuiLink = arg;
+                break;
+            case kPort:
+                options->sharedLink = arg;
+                break;
+            case kReplay:
+                options->replayPath = arg;
+                break;
+            case kNoAnswers:
+                options->answerRequests = false;
+                break;
+            case kDrop:
+                options->dropWhenFull = true;
+                break;
+            case kFiles:
+                options->at.filesDir = arg;
+                break;
+            case kUpload:
+                options->at.uploadDir = arg;
+                break;
+            case kUnquoted:
+                options->at.listUnquoted = true;
+                break;
+            case kRecord:
+                options->recordPath = arg;
+                break;
+            case kControl:
+                options->controlPath = arg;
+                break;
+            case kSysfs:
+                options->sysfsRoot = arg;
+                break;
+            case kProduct:
+                options->sysfs.product = arg;
+                break;
+            case kProtocol:
+                options->sysfs.protocolRoles = true;
+                break;
+            case kRate:
+            case kTotal:
+            case kPiece:
+            case kCmdlen:
+            case kTtyBase:
+                if (!numeric || ((opt == kPiece || opt == kCmdlen) && number == 0)) {
+                    fprintf(stderr, "vrec-modemsim: bad number %s\n", arg.c_str());
+                    return 2;
+                }
+                if (opt == kRate)
+                    options->rate = number;
+                if (opt == kTotal)
+                    options->total = number;
+                if (opt == kPiece)
+                    options->at.pieceSize = static_cast<size_t>(number);
+                if (opt == kCmdlen)
+                    options->at.maxCommandLength = static_cast<int>(number);
+                if (opt == kTtyBase)
+                    options->sysfs.firstTty = static_cast<int>(number);
+                break;
+            case kEcho:
+                if (arg != "on" && arg != "off") {
+                    fprintf(stderr, "vrec-modemsim: --echo takes on or off\n");
+                    return 2;
+                }
+                options->echo = arg == "on";
+                break;
+            case kFault: {
+                Fault fault;
+                if (!parseFault(arg, &fault, &error)) {
+                    fprintf(stderr, "vrec-modemsim: %s\n", error.c_str());
+                    return 2;
+                }
+                options->faults.push_back(fault);
+                break;
+            }
+            case 'h':
+            case kHelp:
+                fputs(simUsage(), stdout);
+                return 1;
+            default:
+                fprintf(stderr, "vrec-modemsim: bad option %s\n%s", argv[optind - 1], simUsage());
+                return 2;
+        }
+    }
+    if (optind < argc) {
+        fprintf(stderr, "vrec-modemsim: unexpected argument %s\n", argv[optind]);
+        return 2;
+    }
+    const bool split = !options->diagLink.empty() || !options->pcuiLink.empty();
+    if (split && !options->sharedLink.empty()) {
+        fprintf(stderr, "vrec-modemsim: --port excludes --diag and --pcui\n");
+        return 2;
+    }
+    if (!split && options->sharedLink.empty() && options->sysfsRoot.empty()) {
+        fprintf(stderr, "vrec-modemsim: no port given\n%s", simUsage());
+        return 2;
+    }
+    return 0;
+}
+
+}  // namespace vtools

@@ -1,0 +1,58 @@
+#ifndef VREC_TOOLS_SIMOPTIONS_H
+#define VREC_TOOLS_SIMOPTIONS_H
+
+#include <string>
+#include <vector>
+
+#include "atModule.h"
+#include "sysfsTree.h"
+
+namespace vtools {
+
+// A fault, as given to --fault or written to the control FIFO.
+struct Fault {
+    enum Kind {
+        kHangup,        // port: "diag", "pcui", "port" or "all"; value: ms until it comes back
+        kSilent,        // port (or "off"): read and record, but send nothing
+        kError,         // text: commands starting with AT+text get ERROR ("" clears)
+        kSplit,         // value: answers go out in writes of this many bytes (0: whole)
+        kUnsolicited,   // text: a line sent before every answer ("" clears)
+        kStopTransfer,  // value: a file transfer fails after this many pieces (0: never)
+    };
+    Kind kind = kSilent;
+    std::string port;
+    std::string text;
+    long value = 0;
+    long afterMs = 0;  // "@MS": from the command line, the fault waits this long
+    std::string spec;  // as given, for the record
+};
+
+// Parses "hangup=diag:500@2000", "silent", "silent=pcui", "silent=off", "error=^MDSL",
+// "split=3", "unsolicited=^BOOT: 1", "rsfr-stop=2". False with a message for anything else.
+bool parseFault(const std::string& spec, Fault* fault, std::string* error);
+
+struct SimOptions {
+    std::string diagLink;
+    std::string pcuiLink;
+    std::string sharedLink;  // one port carrying the Diag stream and tunnelled AT commands
+    std::string recordPath;
+    std::string controlPath;
+    std::string replayPath;
+    std::string sysfsRoot;
+    SysfsModule sysfs;
+    long rate = 0;   // stream packets per second; 0: as fast as the host takes them
+    long total = 0;  // packets in all; 0: no end
+    bool dropWhenFull = false;
+    bool answerRequests = true;
+    AtModuleConfig at;
+    bool echo = true;
+    std::vector<Fault> faults;
+};
+
+const char* simUsage();
+// 0: run; 1: done (help printed); 2: bad usage, message printed.
+int parseSimOptions(int argc, char** argv, SimOptions* options);
+
+}  // namespace vtools
+
+#endif

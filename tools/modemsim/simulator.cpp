@@ -1,0 +1,692 @@
+#include "simulator.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "atText.h"
+#include "diagPacket.h"
+#include "seqStream.h"
+
+namespace vtools {
+
+namespace {
+
+// How much stream the simulator keeps queued for a slow host before it waits.
+constexpr size_t kQueueLimit = 16 * 1024;
+constexpr auto kSplitPause = std::chrono::milliseconds(20);
+
+// Names of the AT commands the tunnel knows, in id order; anything else travels as id 0.
+const char* const kTunnelNames[] = {"^MDON", "^MDSL", "^MDSTORAGE", "^MDSF",
+                                    "^RSFR", "^RSFW", "^CMDLEN"};
+
+unsigned expectedTunnelId(const std::string& text) {
+    for (unsigned id = 0; id < sizeof(kTunnelNames) / sizeof(kTunnelNames[0]); ++id) {
+        if (text.find(kTunnelNames[id]) != std::string::npos) {
+            return id;
+        }
+    }
+    return 0;
+}
+
+// The answer to a DIAG request: its header echoed (command code, and the subsystem and
+// command or the log operation where there are such), then a 32-bit status of 0.
+std::string diagResponse(const std::string& request) {
+    const auto code = static_cast<unsigned char>(request[0]);
+    size_t header = 1;
+    if (code == kCmdSubsystem) {
+        header = 4;
+    } else if (code == kCmdLogConfig) {
+        header = 8;
+    } else if (code == 0x7D || code == kCmdEventReport) {
+        header = 2;
+    }
+    std::string response = request.substr(0, std::min(header, request.size()));
+    appendLe32(response, 0);
+    return response;
+}
+
+// An IMC text or an AT command standing at the front of what came on a Diag-side port:
+// printable characters from "." or "a", up to a line end. `used` takes the line ends too.
+bool textLineAtFront(const std::string& bytes, std::string* line, size_t* used) {
+    if (bytes.empty() || (bytes[0] != '.' && bytes[0] != 'a' && bytes[0] != 'A')) {
+        return false;
+    }
+    size_t i = 0;
+    while (i < bytes.size() && bytes[i] >= 0x20 && bytes[i] < 0x7E) {
+        ++i;
+    }
+    if (i == bytes.size() || (bytes[i] != '\r' && bytes[i] != '\n')) {
+        return false;
+    }
+    *line = bytes.substr(0, i);
+    while (i < bytes.size() && (bytes[i] == '\r' || bytes[i] == '\n')) {
+        ++i;
+    }
+    *used = i;
+    return true;
+}
+
+bool readWhole(const std::string& path, std::string* data) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return false;
+    }
+    std::ostringstream content;
+    content << in.rdbuf();
+    *data = content.str();
+    return true;
+}
+
+}  // namespace
+
+Simulator::Simulator(SimOptions options) : opts(std::move(options)), module(opts.at) {
+    module.echo = opts.echo;
+    module.note = [this](const std::string& words) { event(words); };
+}
+
+Simulator::~Simulator() {
+    for (auto& port : ports) {
+        port->pty.close();
+    }
+    if (recordFile != nullptr) {
+        fclose(recordFile);
+    }
+    if (controlFd != -1) {
+        close(controlFd);
+        close(controlKeep);
+        unlink(opts.controlPath.c_str());
+    }
+    if (signalFd != -1) {
+        close(signalFd);
+    }
+}
+
+long Simulator::elapsedMs() const {
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count());
+}
+
+void Simulator::record(const Port& port, const std::string& kind, const std::string& data) {
+    if (recordFile != nullptr) {
+        fprintf(recordFile, "%ld %s %s %s\n", elapsedMs(), port.role.c_str(), kind.c_str(),
+                data.c_str());
+        fflush(recordFile);
+    }
+}
+
+void Simulator::event(const std::string& words) {
+    if (recordFile != nullptr) {
+        fprintf(recordFile, "%ld sim event %s\n", elapsedMs(), words.c_str());
+        fflush(recordFile);
+    }
+}
+
+bool Simulator::start(std::string* error) {
+    started = Clock::now();
+    if (!opts.sysfsRoot.empty() && !writeSysfsTree(opts.sysfsRoot, opts.sysfs, error)) {
+        return false;
+    }
+    if (!opts.recordPath.empty()) {
+        recordFile = fopen(opts.recordPath.c_str(), "we");
+        if (recordFile == nullptr) {
+            *error = "fopen(" + opts.recordPath + ") failed: " + strerror(errno);
+            return false;
+        }
+    }
+    if (!opts.replayPath.empty()) {
+        std::string data;
+        if (!readWhole(opts.replayPath, &data)) {
+            *error = "open(" + opts.replayPath + ") failed: " + strerror(errno);
+            return false;
+        }
+        // Cut at the flags, so that answers never land inside a replayed frame.
+        size_t from = 0;
+        while (from < data.size()) {
+            size_t flag = data.find(static_cast<char>(kFlag), from);
+            flag = flag == std::string::npos ? data.size() : flag + 1;
+            replayFrames.push_back(data.substr(from, flag - from));
+            from = flag;
+        }
+    }
+
+    auto addPort = [&](const std::string& role, const std::string& link, bool diag, bool at) {
+        auto port = std::make_unique<Port>();
+        port->role = role;
+        port->linkPath = link;
+        port->carriesDiag = diag;
+        port->carriesAt = at;
+        ports.push_back(std::move(port));
+    };
+    if (!opts.sharedLink.empty()) {
+        addPort("port", opts.sharedLink, true, true);
+    }
+    if (!opts.diagLink.empty()) {
+        addPort("diag", opts.diagLink, true, false);
+    }
+    if (!opts.pcuiLink.empty()) {
+        addPort("pcui", opts.pcuiLink, false, true);
+    }
+    for (auto& port : ports) {
+        if (!port->pty.open(port->linkPath, error)) {
+            return false;
+        }
+    }
+
+    if (!opts.controlPath.empty()) {
+        struct stat st {};
+        if (stat(opts.controlPath.c_str(), &st) == 0 && !S_ISFIFO(st.st_mode)) {
+            *error = opts.controlPath + " exists and is no FIFO";
+            return false;
+        }
+        if (mkfifo(opts.controlPath.c_str(), 0600) != 0 && errno != EEXIST) {
+            *error = "mkfifo(" + opts.controlPath + ") failed: " + strerror(errno);
+            return false;
+        }
+        controlFd = open(opts.controlPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        controlKeep = open(opts.controlPath.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (controlFd == -1 || controlKeep == -1) {
+            *error = "open(" + opts.controlPath + ") failed: " + strerror(errno);
+            return false;
+        }
+    }
+
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGINT);
+    sigaddset(&mask, SIGTERM);
+    sigaddset(&mask, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    signalFd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (signalFd == -1) {
+        *error = std::string("signalfd failed: ") + strerror(errno);
+        return false;
+    }
+
+    for (const Fault& fault : opts.faults) {
+        timedFaults.push_back({started + std::chrono::milliseconds(fault.afterMs), fault});
+    }
+    for (auto& port : ports) {
+        printf("%s: %s -> %s\n", port->role.c_str(), port->linkPath.c_str(),
+               port->pty.terminal().c_str());
+    }
+    printf("ready\n");
+    fflush(stdout);
+    event("ready");
+    return true;
+}
+
+Simulator::Port* Simulator::diagPort() {
+    for (auto& port : ports) {
+        if (port->carriesDiag) {
+            return port.get();
+        }
+    }
+    return nullptr;
+}
+
+void Simulator::send(Port& port, const std::string& bytes, bool answer) {
+    if (bytes.empty() || port.silent || port.down) {
+        return;
+    }
+    port.offered += bytes.size();
+    const auto now = Clock::now();
+    if (answer && splitSize > 0) {
+        auto due = now;
+        for (size_t at = 0; at < bytes.size(); at += splitSize) {
+            port.out.push_back({bytes.substr(at, splitSize), due});
+            port.queued += std::min(splitSize, bytes.size() - at);
+            due += kSplitPause;
+        }
+    } else {
+        port.out.push_back({bytes, now});
+        port.queued += bytes.size();
+    }
+    flush(port);
+}
+
+void Simulator::flush(Port& port) {
+    const auto now = Clock::now();
+    while (!port.out.empty() && port.out.front().due <= now && !port.down) {
+        Chunk& head = port.out.front();
+        const ssize_t n = write(port.pty.fd(), head.bytes.data(), head.bytes.size());
+        const size_t moved = n > 0 ? static_cast<size_t>(n) : 0;
+        port.written += moved;
+        port.queued -= moved;
+        if (moved == head.bytes.size()) {
+            port.out.pop_front();
+            continue;
+        }
+        if (!opts.dropWhenFull && (n >= 0 || errno == EAGAIN || errno == EINTR)) {
+            // The host is slow: wait for room, as terminal flow control makes a module wait.
+            head.bytes.erase(0, moved);
+            return;
+        }
+        // What does not fit is gone, as when a serial driver's buffer is full.
+        port.dropped += head.bytes.size() - moved;
+        port.queued -= head.bytes.size() - moved;
+        port.out.pop_front();
+    }
+}
+
+void Simulator::startStream() {
+    if (streaming) {
+        return;
+    }
+    streaming = true;
+    streamStarted = Clock::now();
+    streamSlots = 0;
+    event("stream start");
+}
+
+void Simulator::stopStream(const std::string& why) {
+    if (!streaming) {
+        return;
+    }
+    streaming = false;
+    event("stream stop " + why + " after " + std::to_string(generated) + " packets");
+}
+
+void Simulator::pump() {
+    Port* port = diagPort();
+    if (!streaming || port == nullptr || port->down || port->silent) {
+        return;
+    }
+    uint64_t allowed = UINT64_MAX;
+    if (opts.rate > 0) {
+        const auto ms =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - streamStarted)
+                .count();
+        const uint64_t due = static_cast<uint64_t>(ms) * static_cast<uint64_t>(opts.rate) / 1000;
+        allowed = due > streamSlots ? due - streamSlots : 0;
+    }
+    while (allowed > 0) {
+        if (opts.total > 0 && generated >= static_cast<uint64_t>(opts.total)) {
+            stopStream("total");
+            return;
+        }
+        if (!replayFrames.empty() || !opts.replayPath.empty()) {
+            if (replayNext >= replayFrames.size()) {
+                stopStream("replay end");
+                return;
+            }
+        }
+        if (opts.dropWhenFull ? (opts.rate == 0 && !port->out.empty())
+                              : port->queued >= kQueueLimit) {
+            // The host sets the pace: the slots it did not take are not made up later.
+            if (opts.rate > 0) {
+                streamSlots += allowed;
+            }
+            return;
+        }
+        const std::string bytes =
+            opts.replayPath.empty() ? frame(simLogPacket(nextSeq++)) : replayFrames[replayNext++];
+        ++generated;
+        ++streamSlots;
+        --allowed;
+        const uint64_t droppedBefore = port->dropped;
+        send(*port, bytes, false);
+        if (opts.dropWhenFull && opts.rate == 0 && port->dropped != droppedBefore) {
+            return;  // full: try again on the next pass
+        }
+    }
+}
+
+void Simulator::readPort(Port& port) {
+    char buffer[4096];
+    const ssize_t n = read(port.pty.fd(), buffer, sizeof(buffer));
+    if (n <= 0) {
+        return;
+    }
+    if (port.carriesDiag) {
+        port.deframer.feed(buffer, static_cast<size_t>(n));
+        takeDiagBytes(port);
+    } else {
+        takeAtBytes(port, buffer, static_cast<size_t>(n));
+    }
+}
+
+void Simulator::takeDiagBytes(Port& port) {
+    for (;;) {
+        const std::string& pending = port.deframer.pending();
+        if (port.afterText && !pending.empty() && (pending[0] == '\r' || pending[0] == '\n')) {
+            port.deframer.drop(1);
+            continue;
+        }
+        std::string line;
+        size_t used = 0;
+        if (textLineAtFront(pending, &line, &used)) {
+            port.deframer.drop(used);
+            port.afterText = true;
+            takeDiagText(port, line);
+            continue;
+        }
+        DeframeStep step;
+        if (!port.deframer.next(step)) {
+            return;
+        }
+        port.afterText = false;
+        takeFrame(port, step);
+    }
+}
+
+void Simulator::takeDiagText(Port& port, const std::string& line) {
+    record(port, "text", escapeText(line));
+    const bool trace = line.compare(0, 9, "at+trace=") == 0 || line.compare(0, 9, "AT+TRACE=") == 0;
+    if (line[0] == '.') {
+        return;  // ".trace-on..." sets the trace mask; the stream waits for at+trace=1
+    }
+    if (trace || !port.carriesAt) {
+        // IMC trace orders on the Diag port are not answered: the port carries only the log.
+        module.handle(line);
+        const AtModule::Trace order = module.takeTrace();
+        if (order == AtModule::Trace::kStart) {
+            startStream();
+        } else if (order == AtModule::Trace::kStop) {
+            stopStream("at+trace=0");
+        }
+        return;
+    }
+    send(port, runAt(line), true);
+}
+
+void Simulator::takeFrame(Port& port, const DeframeStep& step) {
+    if (step.kind == DeframeStep::kJunk) {
+        record(port, "junk", hexBytes(step.packet));
+        return;
+    }
+    if (!step.fcsOk) {
+        // A module drops a damaged request without a word.
+        record(port, "badfcs", hexBytes(step.packet));
+        return;
+    }
+    if (isTunnel(step.packet)) {
+        TunnelPacket tunnel;
+        if (!parseTunnel(step.packet, &tunnel)) {
+            record(port, "badtunnel", hexBytes(step.packet));
+            send(port, frame(makeTunnel(tunnel.id, "\r\nERROR\r\n")), true);
+            return;
+        }
+        record(port, "tunnel", std::to_string(tunnel.id) + " " + escapeText(tunnel.text));
+        std::string line = tunnel.text;
+        while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) {
+            line.pop_back();
+        }
+        std::string answer;
+        if (tunnel.id != expectedTunnelId(line)) {
+            event("refused tunnel id " + std::to_string(tunnel.id) + " for " + escapeText(line));
+            answer = "\r\nERROR\r\n";
+        } else {
+            answer = runAt(line);
+        }
+        send(port, frame(makeTunnel(tunnel.id, answer)), true);
+        return;
+    }
+    record(port, "frame", hexBytes(step.packet));
+    if (opts.answerRequests) {
+        send(port, frame(diagResponse(step.packet)), false);
+    }
+    unsigned operation = 0;
+    if (logConfigOperation(step.packet, &operation)) {
+        if (operation == 3) {
+            startStream();
+        } else if (operation == 0) {
+            stopStream("log configuration 0");
+        }
+    }
+}
+
+std::string Simulator::runAt(const std::string& line) {
+    std::string answer = module.handle(line);
+    const AtModule::Trace order = module.takeTrace();
+    if (order == AtModule::Trace::kStart) {
+        startStream();
+    } else if (order == AtModule::Trace::kStop) {
+        stopStream("at+trace=0");
+    }
+    if (!unsolicited.empty()) {
+        answer = "\r\n" + unsolicited + "\r\n" + answer;
+    }
+    return answer;
+}
+
+void Simulator::takeAtBytes(Port& port, const char* data, size_t size) {
+    port.atLine.append(data, size);
+    for (;;) {
+        const size_t end = port.atLine.find_first_of("\r\n");
+        if (end == std::string::npos) {
+            return;
+        }
+        const std::string line = port.atLine.substr(0, end);
+        port.atLine.erase(0, end + 1);
+        if (line.empty()) {
+            continue;  // the line feed of a "\r\n", or an empty line
+        }
+        record(port, "at", escapeText(line));
+        const bool echo = module.echo;  // ATE0 itself is still echoed
+        const std::string answer = runAt(line);
+        send(port, (echo ? line + "\r" : "") + answer, true);
+    }
+}
+
+void Simulator::hangup(Port& port, long downMs) {
+    if (port.down) {
+        return;
+    }
+    port.pty.close();
+    port.down = true;
+    port.reopenAt = Clock::now() + std::chrono::milliseconds(downMs);
+    for (const Chunk& chunk : port.out) {
+        port.dropped += chunk.bytes.size();
+    }
+    port.out.clear();
+    port.queued = 0;
+    port.deframer.drop(port.deframer.pending().size());
+    port.atLine.clear();
+    if (port.carriesDiag) {
+        // A module that drops off the bus forgets its log configuration.
+        stopStream("hangup");
+    }
+    event("hangup " + port.role + " for " + std::to_string(downMs) + " ms");
+}
+
+void Simulator::reopen(Port& port) {
+    std::string error;
+    if (!port.pty.open(port.linkPath, &error)) {
+        fprintf(stderr, "vrec-modemsim: %s\n", error.c_str());
+        port.reopenAt = Clock::now() + std::chrono::milliseconds(200);
+        return;
+    }
+    port.down = false;
+    if (port.carriesAt) {
+        module.echo = opts.echo;  // a module that comes back starts with its defaults
+    }
+    event("reopen " + port.role + " " + port.pty.terminal());
+    printf("%s: %s -> %s\n", port.role.c_str(), port.linkPath.c_str(), port.pty.terminal().c_str());
+    fflush(stdout);
+}
+
+void Simulator::applyFault(const Fault& fault) {
+    event("fault " + fault.spec);
+    switch (fault.kind) {
+        case Fault::kHangup:
+            for (auto& port : ports) {
+                if (fault.port == "all" || fault.port == port->role) {
+                    hangup(*port, fault.value);
+                }
+            }
+            break;
+        case Fault::kSilent:
+            for (auto& port : ports) {
+                if (fault.port == "off") {
+                    port->silent = false;
+                } else if (fault.port == "all" || fault.port == port->role) {
+                    port->silent = true;
+                }
+            }
+            break;
+        case Fault::kError:
+            if (fault.text.empty()) {
+                module.errorCommands.clear();
+            } else {
+                module.errorCommands.push_back(fault.text);
+            }
+            break;
+        case Fault::kSplit:
+            splitSize = static_cast<size_t>(fault.value);
+            break;
+        case Fault::kUnsolicited:
+            unsolicited = fault.text;
+            break;
+        case Fault::kStopTransfer:
+            module.stopTransferAfter = static_cast<int>(fault.value);
+            break;
+    }
+}
+
+void Simulator::report() {
+    uint64_t offered = 0;
+    uint64_t written = 0;
+    uint64_t dropped = 0;
+    for (const auto& port : ports) {
+        printf("stats: %s offered %llu written %llu dropped %llu\n", port->role.c_str(),
+               static_cast<unsigned long long>(port->offered),
+               static_cast<unsigned long long>(port->written),
+               static_cast<unsigned long long>(port->dropped));
+        offered += port->offered;
+        written += port->written;
+        dropped += port->dropped;
+    }
+    const std::string total = "offered " + std::to_string(offered) + " written " +
+                              std::to_string(written) + " dropped " + std::to_string(dropped) +
+                              " packets " + std::to_string(generated);
+    printf("stats: total %s\n", total.c_str());
+    fflush(stdout);
+    event("stats " + total);
+}
+
+void Simulator::controlLine(const std::string& line) {
+    if (line.empty()) {
+        return;
+    }
+    if (line == "stats") {
+        report();
+        return;
+    }
+    if (line == "quit") {
+        quit = true;
+        return;
+    }
+    Fault fault;
+    std::string error;
+    if (!parseFault(line, &fault, &error)) {
+        fprintf(stderr, "vrec-modemsim: %s\n", error.c_str());
+        event("control refused " + escapeText(line));
+        return;
+    }
+    if (fault.afterMs > 0) {
+        timedFaults.push_back({Clock::now() + std::chrono::milliseconds(fault.afterMs), fault});
+    } else {
+        applyFault(fault);
+    }
+}
+
+void Simulator::readControl() {
+    char buffer[512];
+    ssize_t n = 0;
+    while ((n = read(controlFd, buffer, sizeof(buffer))) > 0) {
+        controlLineBuffer.append(buffer, static_cast<size_t>(n));
+    }
+    size_t end = 0;
+    while ((end = controlLineBuffer.find('\n')) != std::string::npos) {
+        std::string line = controlLineBuffer.substr(0, end);
+        controlLineBuffer.erase(0, end + 1);
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
+        }
+        controlLine(line);
+    }
+}
+
+int Simulator::run() {
+    while (!quit) {
+        const auto now = Clock::now();
+        for (size_t i = 0; i < timedFaults.size();) {
+            if (timedFaults[i].due <= now) {
+                const TimedFault due = timedFaults[i];
+                timedFaults.erase(timedFaults.begin() + static_cast<long>(i));
+                applyFault(due.fault);
+            } else {
+                ++i;
+            }
+        }
+        for (auto& port : ports) {
+            if (port->down && port->reopenAt <= now) {
+                reopen(*port);
+            }
+        }
+        pump();
+        bool waiting = streaming;
+        for (auto& port : ports) {
+            flush(*port);
+            waiting = waiting || !port->out.empty() || port->down;
+        }
+        waiting = waiting || !timedFaults.empty();
+
+        std::vector<pollfd> fds;
+        std::vector<Port*> polled;
+        for (auto& port : ports) {
+            if (port->down) {
+                continue;
+            }
+            short events = POLLIN;
+            if (!port->out.empty() && port->out.front().due <= now && !opts.dropWhenFull) {
+                events |= POLLOUT;
+            }
+            fds.push_back({port->pty.fd(), events, 0});
+            polled.push_back(port.get());
+        }
+        fds.push_back({signalFd, POLLIN, 0});
+        if (controlFd != -1) {
+            fds.push_back({controlFd, POLLIN, 0});
+        }
+        const int timeout = waiting ? 2 : 100;
+        if (poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR) {
+            perror("vrec-modemsim: poll");
+            return 1;
+        }
+        for (size_t i = 0; i < polled.size(); ++i) {
+            if ((fds[i].revents & POLLIN) != 0 && !polled[i]->down) {
+                readPort(*polled[i]);
+            }
+        }
+        if ((fds[polled.size()].revents & POLLIN) != 0) {
+            signalfd_siginfo info{};
+            while (read(signalFd, &info, sizeof(info)) == sizeof(info)) {
+                if (info.ssi_signo == SIGUSR1) {
+                    report();
+                } else {
+                    quit = true;
+                }
+            }
+        }
+        if (controlFd != -1 && (fds[polled.size() + 1].revents & POLLIN) != 0) {
+            readControl();
+        }
+    }
+    event("exit");
+    report();
+    return 0;
+}
+
+}  // namespace vtools

@@ -1,0 +1,114 @@
+#ifndef VREC_TOOLS_SIMULATOR_H
+#define VREC_TOOLS_SIMULATOR_H
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "atModule.h"
+#include "hdlc.h"
+#include "ptyPort.h"
+#include "simOptions.h"
+
+namespace vtools {
+
+// The running module: its ports, the Diag stream, the AT interpreter and the faults, in
+// one thread around poll().
+class Simulator {
+public:
+    explicit Simulator(SimOptions options);
+    ~Simulator();
+    Simulator(const Simulator&) = delete;
+    Simulator& operator=(const Simulator&) = delete;
+
+    // Makes the ports, the record and the control FIFO, and prints the ready line.
+    bool start(std::string* error);
+    // Runs until SIGINT, SIGTERM or "quit"; prints the byte counts at the end.
+    int run();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Chunk {
+        std::string bytes;
+        Clock::time_point due;
+    };
+    struct Port {
+        std::string role;  // "diag", "pcui" or "port" (both on one)
+        std::string linkPath;
+        bool carriesDiag = false;
+        bool carriesAt = false;
+        PtyPort pty;
+        Deframer deframer;
+        bool afterText = false;  // the last thing on the Diag side was a text line
+        std::string atLine;
+        std::deque<Chunk> out;
+        size_t queued = 0;
+        uint64_t offered = 0;
+        uint64_t written = 0;
+        uint64_t dropped = 0;
+        bool silent = false;
+        bool down = false;
+        Clock::time_point reopenAt;
+    };
+    struct TimedFault {
+        Clock::time_point due;
+        Fault fault;
+    };
+
+    void record(const Port& port, const std::string& kind, const std::string& data);
+    void event(const std::string& words);
+    long elapsedMs() const;
+
+    void readPort(Port& port);
+    void takeDiagBytes(Port& port);
+    void takeFrame(Port& port, const DeframeStep& step);
+    void takeDiagText(Port& port, const std::string& line);
+    void takeAtBytes(Port& port, const char* data, size_t size);
+    std::string runAt(const std::string& line);  // interpreter plus the answer faults
+
+    void send(Port& port, const std::string& bytes, bool answer);
+    void flush(Port& port);
+    void pump();  // generates the stream while it runs
+
+    void startStream();
+    void stopStream(const std::string& why);
+    Port* diagPort();
+
+    void applyFault(const Fault& fault);
+    void hangup(Port& port, long downMs);
+    void reopen(Port& port);
+    void readControl();
+    void controlLine(const std::string& line);
+    void report();
+
+    SimOptions opts;
+    AtModule module;
+    std::vector<std::unique_ptr<Port>> ports;
+    FILE* recordFile = nullptr;
+    int controlFd = -1;
+    int controlKeep = -1;  // our own writer, so the FIFO never reads as ended
+    std::string controlLineBuffer;
+    int signalFd = -1;
+    bool quit = false;
+    Clock::time_point started;
+    std::vector<TimedFault> timedFaults;
+    size_t splitSize = 0;
+    std::string unsolicited;
+
+    bool streaming = false;
+    Clock::time_point streamStarted;
+    uint64_t streamSlots = 0;  // packets the rate allowed since the stream started
+    uint64_t generated = 0;    // packets sent in all, across streams
+    uint32_t nextSeq = 0;
+    std::vector<std::string> replayFrames;
+    size_t replayNext = 0;
+};
+
+}  // namespace vtools
+
+#endif

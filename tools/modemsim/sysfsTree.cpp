@@ -1,0 +1,81 @@
+#include "sysfsTree.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+namespace vtools {
+
+namespace {
+
+// The interfaces of the simulated module: number, role protocol, and the role's name.
+struct Interface {
+    int number;
+    const char* protocol;
+};
+const Interface kInterfaces[] = {{0, "01"}, {1, "03"}, {2, "02"}};
+
+bool makeDirs(const std::string& path, std::string* error) {
+    for (size_t at = 1; at != std::string::npos; at = path.find('/', at + 1)) {
+        const std::string part = path.substr(0, at);
+        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
+            *error = "mkdir(" + part + ") failed: " + strerror(errno);
+            return false;
+        }
+    }
+    if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
+        *error = "mkdir(" + path + ") failed: " + strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+bool writeText(const std::string& path, const std::string& text, std::string* error) {
+    std::ofstream out(path, std::ios::trunc);
+    out << text;
+    out.close();
+    if (!out) {
+        *error = "write(" + path + ") failed";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool writeSysfsTree(const std::string& root, const SysfsModule& module, std::string* error) {
+    const std::string driver = root + "/sys/bus/usb/drivers/option";
+    const std::string devices = root + "/sys/bus/usb/devices";
+    if (!makeDirs(driver, error) || !makeDirs(devices, error)) {
+        return false;
+    }
+    for (const Interface& iface : kInterfaces) {
+        char number[8];
+        snprintf(number, sizeof(number), "%02d", iface.number);
+        const std::string name = "1-1:1." + std::to_string(iface.number);
+        const std::string dir = driver + "/" + name;
+        const std::string protocol = module.protocolRoles ? iface.protocol : "FF";
+        // The kernel's form: vendor, product, device release, classes, interface number.
+        const std::string modalias = "usb:v7C5Ap" + module.product + "d0000dc00dsc00dp00icFFisc" +
+                                     "FFip" + protocol + "in" + number + "\n";
+        const std::string tty = "ttyUSB" + std::to_string(module.firstTty + iface.number);
+        if (!makeDirs(dir + "/" + tty, error) || !writeText(dir + "/modalias", modalias, error) ||
+            !writeText(dir + "/bInterfaceProtocol", protocol + "\n", error) ||
+            !writeText(dir + "/bInterfaceNumber", std::string(number) + "\n", error)) {
+            return false;
+        }
+        const std::string alias = devices + "/" + name;
+        unlink(alias.c_str());
+        if (symlink(("../drivers/option/" + name).c_str(), alias.c_str()) != 0) {
+            *error = "symlink(" + alias + ") failed: " + strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace vtools
