@@ -9,6 +9,7 @@
 #include "codec.h"
 #include "console.h"
 #include "diagLog.h"
+#include "fileReading.h"
 #include "portMgnt.h"
 #include "qualcommTables.h"
 
@@ -216,29 +217,9 @@ bool DiagService::sendCmdInFile(const std::string& path, int selector) {
 }
 
 bool DiagService::readCmdFile(const std::string& path, std::string& text) {
-    if (!CFile::Exists(path)) {
-        DIAG_LOG(LOG_INFO, "cmd file not exist. %s", path.c_str());
-        return false;
-    }
-    FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr) {
-        DIAG_LOG(LOG_INFO, "file open failed\xA3\xBA%s", path.c_str());
-        return false;
-    }
-    fseek(file, 0, SEEK_END);
-    const long size = ftell(file);
-    fseek(file, 0, SEEK_SET);
-    if (size <= 0) {
-        fclose(file);
-        return false;
-    }
-    std::string buffer(static_cast<size_t>(size), '\0');
-    const bool whole = fread(&buffer[0], 1, buffer.size(), file) == buffer.size();
-    if (!whole) {
-        DIAG_LOG(LOG_INFO, "file read failed.");
-    }
-    fclose(file);
-    text = buffer.c_str();  // a NUL byte in the file ends the text
+    std::string bytes;
+    const bool whole = readSuppliedFile(path, bytes);
+    text = bytes.c_str();  // a NUL byte in the file ends the text
     return whole;
 }
 

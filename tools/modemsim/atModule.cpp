@@ -39,15 +39,20 @@ bool parseCount(const std::string& text, long* value) {
     return true;
 }
 
-bool readWhole(const std::string& path, std::string* data) {
-    std::ifstream in(path, std::ios::binary);
+// A module serves its files piece by piece; only the piece asked for is read, so that a
+// file of many MiB costs no more per answer than a small one.
+bool readPiece(const std::string& path, size_t start, size_t length, size_t* size,
+               std::string* data) {
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
     if (!in) {
         return false;
     }
-    std::ostringstream content;
-    content << in.rdbuf();
-    *data = content.str();
-    return true;
+    *size = static_cast<size_t>(in.tellg());
+    start = std::min(start, *size);
+    length = std::min(length, *size - start);
+    data->assign(length, '\0');
+    in.seekg(static_cast<std::streamoff>(start));
+    return length == 0 || static_cast<bool>(in.read(&(*data)[0], static_cast<std::streamsize>(length)));
 }
 
 }  // namespace
@@ -252,8 +257,7 @@ std::string AtModule::serveFile(const std::string& args) {
             found = name;
         }
     }
-    std::string data;
-    if (found.empty() || !readWhole(cfg.filesDir + "/" + found, &data)) {
+    if (found.empty()) {
         return refuse("^RSFR no file " + wanted);
     }
     const std::string key = found + "\n" + unit;
@@ -267,20 +271,24 @@ std::string AtModule::serveFile(const std::string& args) {
         return refuse("^RSFR transfer stopped by fault after " + std::to_string(transferPieces) +
                       " pieces");
     }
-    const size_t start = std::min(transferPosition, data.size());
-    const size_t length = std::min(cfg.pieceSize, data.size() - start);
-    transferPosition = start + length;
+    size_t fileSize = 0;
+    std::string data;
+    if (!readPiece(cfg.filesDir + "/" + found, transferPosition, cfg.pieceSize, &fileSize, &data)) {
+        transferKey.clear();
+        return refuse("^RSFR no file " + wanted);
+    }
+    transferPosition = std::min(transferPosition, fileSize) + data.size();
     ++transferPieces;
-    const std::string piece = Base64Encode(
-        reinterpret_cast<const unsigned char*>(data.data() + start), static_cast<int>(length));
+    const std::string piece = Base64Encode(reinterpret_cast<const unsigned char*>(data.data()),
+                                           static_cast<int>(data.size()));
     const std::string line = "^RSFR: \"" + wanted + "\",\"" + unit + "\",123," +
-                             std::to_string(data.size()) + "," + std::to_string(transferPosition) +
+                             std::to_string(fileSize) + "," + std::to_string(transferPosition) +
                              ",\"" + piece + "\"";
-    if (transferPosition >= data.size()) {
+    if (transferPosition >= fileSize) {
         // Done: the next request of this file starts it over.
         transferKey.clear();
         if (note) {
-            note("served " + found + " " + std::to_string(data.size()) + " bytes in " +
+            note("served " + found + " " + std::to_string(fileSize) + " bytes in " +
                  std::to_string(transferPieces) + " pieces");
         }
     }
