@@ -124,34 +124,23 @@ int DiagLog::writeText(int level, const char* file, const char* function, int li
 
 namespace {
 // Lines are cut at 1022 characters, as the log has always done.
-void formatLine(char (&buffer)[1024], const char* format, va_list args) {
-    vsnprintf(buffer, 1023, format, args);
-}
+struct LineText {
+    char text[1024] = {};
+    LineText(const char* format, va_list args) { vsnprintf(text, 1023, format, args); }
+};
 }  // namespace
-
-int DiagLog::writeLine(int level, const char* file, const char* function, int line,
-                       const char* format, ...) {
-    char buffer[1024] = {};
-    va_list args;
-    va_start(args, format);
-    formatLine(buffer, format, args);
-    va_end(args);
-    std::lock_guard<std::mutex> lock(instanceLock());
-    return writeText(level, file, function, line, buffer);
-}
 
 int DiagLog::write(int level, const char* file, const char* function, int line,
                    const char* format, ...) {
-    char buffer[1024] = {};
     va_list args;
     va_start(args, format);
-    formatLine(buffer, format, args);
+    const LineText line_(format, args);
     va_end(args);
     std::lock_guard<std::mutex> lock(instanceLock());
     if (g_instance == nullptr) {
         g_instance = new DiagLog;
     }
-    return g_instance->writeText(level, file, function, line, buffer);
+    return g_instance->writeText(level, file, function, line, line_.text);
 }
 
 DiagLogTrace::DiagLogTrace(const char* srcFile, const char* srcFunction, int srcLine,

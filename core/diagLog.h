@@ -54,10 +54,8 @@ public:
     // Closes the file and frees the log; a later line starts it again.
     static void destroyDiagLog();
 
-    // printf-style; returns nonzero when the line was written.
-    int writeLine(int level, const char* file, const char* function, int line,
-                  const char* format, ...) __attribute__((format(printf, 6, 7)));
-
+    // printf-style, with its call site; returns nonzero when the line was written. Every
+    // log call of the program comes here through DIAG_LOG.
     static int write(int level, const char* file, const char* function, int line,
                      const char* format, ...) __attribute__((format(printf, 5, 6)));
 

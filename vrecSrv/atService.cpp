@@ -121,8 +121,7 @@ int AtService::atWrite(std::string data, int size, unsigned limitMs) {
     }
 }
 
-bool AtService::sendATcmd(int port, const std::string& cmd) {
-    JMutexAutoLock lock(&m_cmdLock);
+bool AtService::acceptCommand(int port, const std::string& cmd) {
     if (port == 0) {
         DIAG_LOG(LOG_ERRO, "pcui port is not open.");
         return false;
@@ -132,15 +131,30 @@ bool AtService::sendATcmd(int port, const std::string& cmd) {
         return false;
     }
     m_hPcuiPort = port;
-    std::string wire = cmd;
-    if (m_diagTunnel) {
-        atproto::packTunnelFrame(wire, m_cmdIds);
-    }
+    return true;
+}
+
+bool AtService::writeCommand(const std::string& wire) {
     const int length = static_cast<int>(wire.size());
     const int written = atWrite(wire, length, kWriteLimitMs);
     if (written != length) {
         DIAG_LOG(LOG_ERRO, "Write data failed(cmd length is %d, but write data length is %d).",
                  length, written);
+        return false;
+    }
+    return true;
+}
+
+bool AtService::sendATcmd(int port, const std::string& cmd) {
+    JMutexAutoLock lock(&m_cmdLock);
+    if (!acceptCommand(port, cmd)) {
+        return false;
+    }
+    std::string wire = cmd;
+    if (m_diagTunnel) {
+        atproto::packTunnelFrame(wire, m_cmdIds);
+    }
+    if (!writeCommand(wire)) {
         return false;
     }
     DIAG_LOG(LOG_INFO, "AT send: %s", wire.c_str());
@@ -150,15 +164,9 @@ bool AtService::sendATcmd(int port, const std::string& cmd) {
 bool AtService::sendATcmdAndWaitResponse(int port, const std::string& cmd, std::string& response,
                                          bool drain, bool logExchange) {
     JMutexAutoLock lock(&m_cmdLock);
-    if (port == 0) {
-        DIAG_LOG(LOG_ERRO, "pcui port is not open.");
+    if (!acceptCommand(port, cmd)) {
         return false;
     }
-    if (cmd.empty()) {
-        DIAG_LOG(LOG_ERRO, "at cmd is empty.");
-        return false;
-    }
-    m_hPcuiPort = port;
     m_cmd = cmd;
     if (m_diagTunnel) {
         atproto::packTunnelFrame(m_cmd, m_cmdIds);
@@ -169,11 +177,7 @@ bool AtService::sendATcmdAndWaitResponse(int port, const std::string& cmd, std::
             }
         }
     }
-    const int length = static_cast<int>(m_cmd.size());
-    const int written = atWrite(m_cmd, length, kWriteLimitMs);
-    if (written != length) {
-        DIAG_LOG(LOG_ERRO, "Write data failed(cmd length is %d, but write data length is %d).",
-                 length, written);
+    if (!writeCommand(m_cmd)) {
         return false;
     }
     if (logExchange) {

@@ -43,6 +43,10 @@ public:
 
 private:
     AtService();
+    // The checks every send makes; takes the port for the exchange.
+    bool acceptCommand(int port, const std::string& cmd);
+    // The whole command out within the write limit, or the failure logged.
+    bool writeCommand(const std::string& wire);
 
     int m_hPcuiPort = -1;
     std::string m_cmd;

@@ -210,28 +210,26 @@ bool PortMgnt::openPcuiPortByName(const char* name) {
     return true;
 }
 
-int PortMgnt::regainDiagPort() {
+int PortMgnt::regain(int& handle, const std::string& storedName, std::string (PortMgnt::*find)(),
+                     const char* side) {
     std::lock_guard<std::recursive_mutex> lock(handleLock);
-    releaseHandle(diagPort);
-    const std::string name = diagPortName.empty() ? getDiagPortName() : diagPortName;
-    if (name.empty() || !openInto(name, diagPort)) {
-        DIAG_LOG(LOG_INFO, "Regain Diag port error");
+    releaseHandle(handle);
+    // A stored name is used as it is, without a new walk of sysfs.
+    const std::string name = storedName.empty() ? (this->*find)() : storedName;
+    if (name.empty() || !openInto(name, handle)) {
+        DIAG_LOG(LOG_INFO, "Regain %s port error", side);
         return -1;
     }
-    DIAG_LOG(LOG_INFO, "Regain Diag port success");
-    return diagPort;
+    DIAG_LOG(LOG_INFO, "Regain %s port success", side);
+    return handle;
+}
+
+int PortMgnt::regainDiagPort() {
+    return regain(diagPort, diagPortName, &PortMgnt::getDiagPortName, "Diag");
 }
 
 int PortMgnt::regainPcuiPort() {
-    std::lock_guard<std::recursive_mutex> lock(handleLock);
-    releaseHandle(pcuiPort);
-    const std::string name = pcuiPortName.empty() ? getPcuiPortName() : pcuiPortName;
-    if (name.empty() || !openInto(name, pcuiPort)) {
-        DIAG_LOG(LOG_INFO, "Regain Pcui port error");
-        return -1;
-    }
-    DIAG_LOG(LOG_INFO, "Regain Pcui port success");
-    return pcuiPort;
+    return regain(pcuiPort, pcuiPortName, &PortMgnt::getPcuiPortName, "Pcui");
 }
 
 int PortMgnt::getDiagHandle() {

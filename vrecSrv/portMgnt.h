@@ -62,6 +62,8 @@ private:
 
     int typeOf(const std::string& name);
     bool openInto(const std::string& name, int& handle);
+    int regain(int& handle, const std::string& storedName, std::string (PortMgnt::*find)(),
+               const char* side);
     // Closes a handle once, also where both sides share the descriptor.
     void releaseHandle(int& handle);
 
