@@ -234,6 +234,11 @@ bool AtMdonImpl::startLog(const CaptureOptions& options) {
         DIAG_LOG(LOG_ERRO, "Execute AT %s failed.", cmd.c_str());
         return false;
     }
+    if (state == 3 || state == 4) {
+        // The run stays up as a capture, and its stop sends AT^MDON=0 on this port. Closing
+        // it would forget a port named with -p, which discovery may never find again.
+        return true;
+    }
     ports->closePcuiPort();
     return true;
 }
@@ -349,8 +354,15 @@ bool AtMdonImpl::queryUEFiles(std::list<std::string>& files) {
 }
 
 bool AtMdonImpl::startThread(void (AtMdonImpl::*body)()) {
+    // A body that has given its result is only on its way out: let it end rather than
+    // refuse the next transfer as if one were under way.
+    for (int look = 0; look < 100 && m_resultExportFiles != -1 && m_thread.IsRunning(); ++look) {
+        usleep(1000);
+    }
     if (!m_thread.IsRunning()) {
         m_thread.Bind(body, this);
+        // Under way from here, so that a caller polling the result never reads the last one's.
+        m_resultExportFiles = -1;
     }
     return m_thread.Start() == 0;
 }
@@ -506,13 +518,6 @@ bool AtMdonImpl::readFile(const std::string& path, std::string& bytes) {
     return readSuppliedFile(path, bytes);
 }
 
-bool AtMdonImpl::readTextFile(const std::string& path, std::string& text) {
-    std::string bytes;
-    const bool whole = readSuppliedFile(path, bytes);
-    text = bytes.c_str();  // the text ends at the first zero byte
-    return whole;
-}
-
 bool AtMdonImpl::sendConfigFile(const std::string& directory) {
     DIAG_TRACE();
     if (directory.empty() || !ensurePcuiPort()) {
@@ -597,9 +602,9 @@ void AtMdonImpl::threadGetConfigFile() {
     DIAG_TRACE();
     m_resultExportFiles = -1;
     const std::string localPath = m_configDir + CDirectory::Separator() + kConfigName;
-    // The local copy is what the file goes back to if the download fails.
+    // The local copy is what the file goes back to if the download fails, byte for byte.
     std::string local;
-    if (!readTextFile(localPath, local) || local.empty()) {
+    if (!readFile(localPath, local) || local.empty()) {
         DIAG_LOG(LOG_ERRO, "Read config file failed.");
     }
     if (exportSingleFile(m_configDir, kConfigName, "0")) {

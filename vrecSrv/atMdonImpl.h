@@ -51,8 +51,6 @@ public:
     void threadGetConfigFile();
     // The whole file; false when missing, empty or not read whole.
     static bool readFile(const std::string& path, std::string& bytes);
-    // The file up to its first zero byte.
-    static bool readTextFile(const std::string& path, std::string& text);
 
     // -1 none yet or under way, 0 failed, 1 done: the last export, download or upload.
     int transferResult() const { return m_resultExportFiles; }
