@@ -404,7 +404,11 @@ void DiagService::reconnect() {
         return;
     }
     diagPort = PortMgnt::getInstance()->regainDiagPort();
-    sendStartCmds();
+    // Without a port nothing can be sent: the next read fails and the reconnect repeats,
+    // and a module gone for the night does not fill the diagnostic log with send failures.
+    if (diagPort != -1) {
+        sendStartCmds();
+    }
 }
 
 void DiagService::readPort() {
@@ -421,16 +425,19 @@ void DiagService::readPort() {
     }
     char chunk[kChunkBytes];
     uint32_t lastReported = 0;
+    bool backlog = false;  // the last read filled the chunk: more is waiting
     // No pause between passes: the read blocks while the port is idle, and a pause would
-    // cap the capture below what a module sends over USB.
+    // cap the capture below what a module sends over USB. While a backlog drains, the wait
+    // that lets a stop wake the reader is skipped, since the read returns at once.
     while (running) {
-        const int wait = OS_ADAPT_WaitPortOrWake(diagPort, wakeup.Fd());
+        const int wait = backlog ? 1 : OS_ADAPT_WaitPortOrWake(diagPort, wakeup.Fd());
         if (wait == 2) {
             wakeup.Drain();
             continue;
         }
         int count = 0;
         if (wait == 1 && OS_ADAPT_Read(diagPort, chunk, kChunkBytes, &count) == OS_ADAPT_SUCCESS) {
+            backlog = count == kChunkBytes;
             const ChunkResult result = takeChunk(chunk, count, lastReported);
             if (result == ChunkResult::EndThread) {
                 return;
@@ -439,6 +446,7 @@ void DiagService::readPort() {
                 break;
             }
         } else {
+            backlog = false;
             reconnect();
         }
     }

@@ -2,9 +2,7 @@
 
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -19,211 +17,132 @@ using testkit::TempDir;
 
 namespace {
 
-std::vector<std::string> lines(const std::string& path) {
-    std::vector<std::string> result;
+// "H:M:S:ms  LEVEL  body", numbers without leading zeros; gives LEVEL and body.
+std::vector<std::pair<std::string, std::string>> parsedLines(const std::string& path) {
+    std::vector<std::pair<std::string, std::string>> result;
     std::istringstream in(readFile(path));
     for (std::string line; std::getline(in, line);) {
-        result.push_back(line);
+        const size_t gap = line.find("  ");
+        if (gap == std::string::npos || line.compare(gap + 6, 2, "  ") != 0) {
+            ADD_FAILURE() << line;
+            continue;
+        }
+        std::istringstream stamp(line.substr(0, gap));
+        int fields = 0;
+        for (std::string n; std::getline(stamp, n, ':'); ++fields) {
+            EXPECT_TRUE(n.find_first_not_of("0123456789") == std::string::npos &&
+                        (n == "0" || (!n.empty() && n[0] != '0')))
+                << line;
+        }
+        EXPECT_EQ(fields, 4) << line;
+        result.emplace_back(line.substr(gap + 2, 4), line.substr(gap + 8));
     }
     return result;
 }
 
-// A number as the log prints it, without leading zeros.
-bool plainNumber(const std::string& text) {
-    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos &&
-           (text == "0" || text[0] != '0');
-}
-
-struct Line {
-    std::string level;
-    std::string body;
-};
-
-// Splits "H:M:S:ms  LEVEL  body"; false when the line has another shape.
-bool parse(const std::string& line, Line* out) {
-    const size_t gap = line.find("  ");
-    if (gap == std::string::npos || line.size() < gap + 8 || line.compare(gap + 6, 2, "  ") != 0) {
-        return false;
-    }
-    std::istringstream time(line.substr(0, gap));
-    int fields = 0;
-    for (std::string part; std::getline(time, part, ':'); ++fields) {
-        if (!plainNumber(part)) {
-            return false;
+// Writes one line onto filler chosen so that the file then holds exactly `target` bytes;
+// tells whether that rotated the file. The width of the time stamp may change between the
+// guess and the write; then it tries again.
+bool rotatesAt(const TempDir& dir, long limit, long target) {
+    const std::string backup = dir.file("vrec_backup_0.log");
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        unlink(backup.c_str());
+        const CDateTime now;
+        const std::string line = std::to_string(now.Hour()) + ":" + std::to_string(now.Minute()) +
+                                 ":" + std::to_string(now.Second()) + ":" +
+                                 std::to_string(now.Millisecond()) + "  INFO  f.cpp 1 fn text\n";
+        testkit::writeFile(dir.file("vrec.log"),
+                           std::string(static_cast<size_t>(target) - line.size() - 1, 'x') + "\n");
+        DiagLogFile(dir.file("vrec.log"), limit, /*append=*/true)
+            .WriteLine(LOG_INFO, "f.cpp", "fn", 1, "text");
+        const bool rotated = testkit::fileExists(backup);
+        if (static_cast<long>(readFile(rotated ? backup : dir.file("vrec.log")).size()) == target) {
+            return rotated;
         }
     }
-    out->level = line.substr(gap + 2, 4);
-    out->body = line.substr(gap + 8);
-    return fields == 4;
+    ADD_FAILURE() << "no write landed on " << target << " bytes";
+    return false;
 }
 
-// The front of the log writes under the working directory it found when it started, so
-// each test gets a fresh directory and a fresh log.
+// The front of the log writes under the working directory it found when it started.
 class DiagLogFront : public ::testing::Test {
 protected:
     DiagLogFront() : inside(dir.path()) { DiagLog::destroyDiagLog(); }
     ~DiagLogFront() override { DiagLog::destroyDiagLog(); }
-    std::string logPath() const { return dir.file("vrec.log"); }
 
     TempDir dir;
     testkit::CurrentDir inside;
 };
 
 int tracedFunction() {
-    const int line = __LINE__ + 1;
     DIAG_TRACE();
     DIAG_LOG(LOG_WARN, "inside %d", 42);
-    return line;
-}
-
-enum class Landing { Missed, Kept, Rotated };
-
-// Writes one line onto filler chosen so that the file then holds exactly `target` bytes.
-// The width of the time stamp may change between the guess and the write; then it tries
-// again.
-Landing writeLineEndingAt(const TempDir& dir, long limit, long target) {
-    const std::string path = dir.file("vrec.log");
-    const std::string backup = dir.file("vrec_backup_0.log");
-    for (int attempt = 0; attempt < 20; ++attempt) {
-        unlink(backup.c_str());
-        const CDateTime now;
-        const std::string stamp = std::to_string(now.Hour()) + ":" + std::to_string(now.Minute()) +
-                                  ":" + std::to_string(now.Second()) + ":" +
-                                  std::to_string(now.Millisecond());
-        const long length = static_cast<long>(stamp.size() + strlen("  INFO  f.cpp 1 fn text\n"));
-        testkit::writeFile(path, std::string(static_cast<size_t>(target - length - 1), 'x') + "\n");
-        {
-            DiagLogFile log(path, limit, /*append=*/true);
-            EXPECT_TRUE(log.WriteLine(LOG_INFO, "f.cpp", "fn", 1, "text"));
-        }
-        const bool rotated = testkit::fileExists(backup);
-        if (static_cast<long>(readFile(rotated ? backup : path).size()) == target) {
-            return rotated ? Landing::Rotated : Landing::Kept;
-        }
-    }
-    return Landing::Missed;
+    return __LINE__ - 2;
 }
 
 }  // namespace
 
-TEST(DiagLogFile, LineShapeLevelsAndRefusals) {
+TEST(DiagLogFile, RotationBoundaryAndBackupNumbering) {
     TempDir dir;
-    const std::string path = dir.file("vrec.log");
-    DiagLogFile log(path);
-    EXPECT_FALSE(log.WriteLine(LOG_INFO, nullptr, "fn", 1, "text"));
-    EXPECT_FALSE(log.WriteLine(LOG_INFO, "f.cpp", nullptr, 1, "text"));
-    EXPECT_FALSE(log.WriteLine(LOG_INFO, "f.cpp", "fn", 1, nullptr));
-    EXPECT_FALSE(testkit::fileExists(path));
-
-    const int levels[] = {LOG_CRIT, LOG_ERRO, LOG_WARN, LOG_INFO, 9};
-    const char* names[] = {"CRIT", "ERRO", "WARN", "INFO", "????"};
-    for (int level : levels) {
-        EXPECT_TRUE(log.WriteLine(level, "src/a.cpp", "run", 7, "said: 100%"));
-    }
-    // Keep writing until a millisecond below 100 has come up, which a zero-padded
-    // time stamp would print with a leading zero.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
-    bool smallMillisecond = false;
-    while (!smallMillisecond && std::chrono::steady_clock::now() < deadline) {
-        smallMillisecond = CDateTime().Millisecond() < 100;
-        log.WriteLine(LOG_INFO, "src/a.cpp", "run", 7, "said: 100%");
-        usleep(500);
-    }
-    EXPECT_TRUE(smallMillisecond);
-
-    const std::vector<std::string> written = lines(path);
-    ASSERT_GE(written.size(), 5u);
-    for (size_t i = 0; i < written.size(); ++i) {
-        Line parsed;
-        ASSERT_TRUE(parse(written[i], &parsed)) << written[i];
-        EXPECT_EQ(parsed.level, i < 5 ? names[i] : "INFO");
-        EXPECT_EQ(parsed.body, "src/a.cpp 7 run said: 100%");
-    }
-
-    DiagLogFile nowhere(dir.file("missing/vrec.log"));
-    EXPECT_FALSE(nowhere.WriteLine(LOG_INFO, "f.cpp", "fn", 1, "text"));
-}
-
-TEST(DiagLogFile, RotatesOnReachingTheLimitExactly) {
-    EXPECT_EQ(DiagLogFile::kRotateBytes, 10L * 1024 * 1024);
-    TempDir dir;
-    const long limit = 4096;
-    ASSERT_EQ(writeLineEndingAt(dir, limit, limit - 1), Landing::Kept);
-    ASSERT_EQ(writeLineEndingAt(dir, limit, limit), Landing::Rotated);
+    EXPECT_FALSE(rotatesAt(dir, 4096, 4095));
+    EXPECT_TRUE(rotatesAt(dir, 4096, 4096));
     // The rotated content is gone from the log, which starts over with the next line.
     EXPECT_FALSE(testkit::fileExists(dir.file("vrec.log")));
-}
 
-TEST(DiagLogFile, BackupsNumberOnAndNothingIsDeleted) {
-    TempDir dir;
     testkit::writeFile(dir.file("vrec_backup_0.log"), "zero");
     testkit::writeFile(dir.file("vrec_backup_1.log"), "one");
     testkit::writeFile(dir.file("vrec.log"), "from an earlier run\n");
     DiagLogFile log(dir.file("vrec.log"), 150);
-    EXPECT_EQ(log.NextBackupName(), dir.file("vrec_backup_2.log"));
-
-    // The first line of a run empties the old log. Two lines stay below the limit and
-    // three pass it, whatever the width of their time stamps.
+    // The first line of a run empties the old log. Two lines stay below the limit and three
+    // pass it, whatever the width of their time stamps.
     for (int i = 0; i < 7; ++i) {
         ASSERT_TRUE(log.WriteLine(LOG_INFO, "f.cpp", "fn", i, "a line of about sixty characters"));
     }
     EXPECT_EQ(readFile(dir.file("vrec_backup_0.log")), "zero");
     EXPECT_EQ(readFile(dir.file("vrec_backup_1.log")), "one");
-    const std::vector<std::vector<std::string>> files = {lines(dir.file("vrec_backup_2.log")),
-                                                         lines(dir.file("vrec_backup_3.log")),
-                                                         lines(dir.file("vrec.log"))};
-    const std::vector<size_t> sizes = {3, 3, 1};
     int index = 0;
-    for (size_t f = 0; f < files.size(); ++f) {
-        ASSERT_EQ(files[f].size(), sizes[f]) << "file " << f;
-        for (const std::string& line : files[f]) {
-            EXPECT_NE(line.find("f.cpp " + std::to_string(index++) + " fn"), std::string::npos)
-                << line;
+    for (const auto& [name, count] :
+         {std::make_pair("vrec_backup_2.log", 3u), std::make_pair("vrec_backup_3.log", 3u),
+          std::make_pair("vrec.log", 1u)}) {
+        const auto lines = parsedLines(dir.file(name));
+        ASSERT_EQ(lines.size(), count) << name;
+        for (const auto& line : lines) {
+            EXPECT_EQ(line.second,
+                      "f.cpp " + std::to_string(index++) + " fn a line of about sixty characters");
         }
     }
 }
 
-TEST_F(DiagLogFront, CutsLongTextAndTracesEnterAndExit) {
+TEST_F(DiagLogFront, LevelsCallSitesLongTextAndRestart) {
+    for (int level : {int{LOG_CRIT}, int{LOG_ERRO}, int{LOG_WARN}, 9}) {
+        DiagLog::write(level, "src/a.cpp", "run", 7, "said: %d%%", 100);
+    }
     EXPECT_NE(DIAG_LOG(LOG_ERRO, "%s", std::string(2000, 'x').c_str()), 0);
     const int line = tracedFunction();
-
-    const std::vector<std::string> written = lines(logPath());
-    ASSERT_EQ(written.size(), 4u);
-    Line parsed;
-    ASSERT_TRUE(parse(written[0], &parsed));
-    const std::string& text = parsed.body;
-    EXPECT_EQ(text.substr(text.size() - 1023), " " + std::string(1022, 'x'));
-
-    // Source paths stand relative to the project, not to the build machine.
-    const std::string site = std::string(__FILE__) + " " + std::to_string(line) + " tracedFunction";
-    EXPECT_NE(site[0], '/');
-    const char* expected[][2] = {{"INFO", " enter"}, {"WARN", "inside 42"}, {"INFO", " exit"}};
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(parse(written[i + 1], &parsed)) << written[i + 1];
-        EXPECT_EQ(parsed.level, expected[i][0]);
-        if (i == 1) {
-            EXPECT_EQ(parsed.body, std::string(__FILE__) + " " + std::to_string(line + 1) +
-                                       " tracedFunction inside 42");
-        } else {
-            EXPECT_EQ(parsed.body, site + expected[i][1]);
-        }
+    // Until a millisecond below 100 came up, which padding would show.
+    for (int i = 0; i < 3000 && CDateTime().Millisecond() >= 100; ++i) {
+        usleep(500);
     }
-}
-
-TEST_F(DiagLogFront, RestartInTheSameProcessAppends) {
-    DIAG_LOG(LOG_INFO, "before the stop");
     DiagLog::destroyDiagLog();
-    DIAG_LOG(LOG_INFO, "after the restart");
-    const std::string content = readFile(logPath());
-    const size_t before = content.find("before the stop");
-    ASSERT_NE(before, std::string::npos);
-    EXPECT_NE(content.find("after the restart", before), std::string::npos);
+    DIAG_LOG(LOG_INFO, "after the restart");  // appends: the process's own lines stay
 
-    // A log that is not restarted within its process empties what an earlier run left.
-    testkit::writeFile(dir.file("other.log"), "old\n");
-    DiagLogFile fresh(dir.file("other.log"));
-    fresh.WriteLine(LOG_INFO, "f.cpp", "fn", 1, "new");
-    EXPECT_EQ(readFile(dir.file("other.log")).find("old"), std::string::npos);
+    const auto written = parsedLines(dir.file("vrec.log"));
+    ASSERT_EQ(written.size(), 9u);
+    const char* levels[] = {"CRIT", "ERRO", "WARN", "????"};
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(written[i], std::make_pair(std::string(levels[i]),
+                                             std::string("src/a.cpp 7 run said: 100%")));
+    }
+    EXPECT_EQ(written[4].second.substr(written[4].second.size() - 1023),
+              " " + std::string(1022, 'x'));
+    // Source paths stand relative to the project, not to the build machine.
+    const std::string site = std::string(__FILE__) + " " + std::to_string(line);
+    EXPECT_NE(site[0], '/');
+    EXPECT_EQ(written[5], std::make_pair(std::string("INFO"), site + " tracedFunction enter"));
+    EXPECT_EQ(written[6].second,
+              std::string(__FILE__) + " " + std::to_string(line + 1) + " tracedFunction inside 42");
+    EXPECT_EQ(written[7], std::make_pair(std::string("INFO"), site + " tracedFunction exit"));
+    EXPECT_NE(written[8].second.find("after the restart"), std::string::npos);
 }
 
 TEST_F(DiagLogFront, LinesOfManyThreadsStayWhole) {
@@ -247,16 +166,13 @@ TEST_F(DiagLogFront, LinesOfManyThreadsStayWhole) {
     for (std::thread& w : workers) {
         w.join();
     }
-
-    const std::vector<std::string> written = lines(logPath());
+    const auto written = parsedLines(dir.file("vrec.log"));
     ASSERT_EQ(written.size(), static_cast<size_t>(threads * perThread));
     std::vector<int> next(threads, 0);
-    for (const std::string& line : written) {
-        Line parsed;
+    for (const auto& line : written) {
         int t = -1;
-        ASSERT_TRUE(parse(line, &parsed)) << line;
-        ASSERT_EQ(sscanf(parsed.body.c_str(), "src/worker%d", &t), 1) << line;
-        ASSERT_TRUE(t >= 0 && t < threads) << line;
-        EXPECT_EQ(parsed.body, body(t, next[t]++));
+        ASSERT_EQ(sscanf(line.second.c_str(), "src/worker%d", &t), 1) << line.second;
+        ASSERT_TRUE(t >= 0 && t < threads) << line.second;
+        EXPECT_EQ(line.second, body(t, next[t]++));
     }
 }

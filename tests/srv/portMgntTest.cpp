@@ -1,21 +1,20 @@
+// PortMgnt is process-wide and keeps what a case leaves: each case counts on a process of
+// its own, as ctest runs them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <list>
 #include <map>
 #include <string>
+#include <tuple>
 
-#include "portDiscovery.h"
 #include "portMgnt.h"
 #include "serialport.h"
 #include "srvTestSupport.h"
 
 namespace {
-
-// Set once a case in this process has stored port names: they can't be forgotten through
-// the public operations, so later cases can't count on discovery being asked.
-bool g_namesStored = false;
 
 class PortMgntTest : public SrvTest {
 protected:
@@ -24,146 +23,104 @@ protected:
         ports = PortMgnt::getInstance();  // its first log lines go to this case's log
     }
 
-    // Closes both sides whatever earlier cases of this process left open: each side is
-    // given a port by name, the name then vanishes, and the regain finds nothing.
-    void closeBothSides() {
-        g_namesStored = true;
-        testkit::Pty pty;
-        const std::string link = work.file("vanished");
-        ASSERT_EQ(0, symlink(pty.slaveName().c_str(), link.c_str()));
-        ASSERT_TRUE(ports->openDiagPortByName(link.c_str()));
-        ASSERT_TRUE(ports->openPcuiPortByName(link.c_str()));
-        unlink(link.c_str());
-        ASSERT_EQ(-1, ports->regainDiagPort());
-        ASSERT_EQ(-1, ports->regainPcuiPort());
-    }
-
     PortMgnt* ports = nullptr;
 };
 
-TEST_F(PortMgntTest, FirstDiagAndLastPcuiAreChosen) {
+TEST_F(PortMgntTest, FirstDiagLastPcuiAndKeywords) {
     const FakeSysfs sysfs;
-    sysfs.add({"1-1:1.0", "01", "ttyUSB0"});  // MODEM
-    sysfs.add({"1-1:1.1", "03", "ttyUSB1"});
-    sysfs.add({"1-1:1.2", "03", "ttyUSB2"});
-    sysfs.add({"1-1:1.3", "02", "ttyUSB3"});
-    sysfs.add({"1-1:1.4", "02", "ttyUSB4"});
-    sysfs.add({"1-1:1.5", "04", "ttyUSB5"});  // PortType 0
+    const char* protocols[] = {"01", "03", "03", "02", "02", "04"};  // 04 is PortType 0
+    for (int i = 0; i < 6; ++i) {
+        sysfs.add({"1-1:1." + std::to_string(i), protocols[i], "ttyUSB" + std::to_string(i)});
+    }
+    sysfs.add({"1-1:1.6", "02", "ttyUSBdiag6"});  // a PCUI by type, a Diag port by name
     std::list<std::string> found;
     ASSERT_TRUE(ports->getPorts(found));
-    ASSERT_EQ(6u, found.size());
+    ASSERT_EQ(7u, found.size());
     // Discovery order is readdir order; the choice follows it.
     std::string firstDiag;
     std::string lastPcui;
     for (const std::string& name : found) {
-        if (firstDiag.empty() && (name == "/dev/ttyUSB1" || name == "/dev/ttyUSB2")) {
-            firstDiag = name;
-        }
-        if (name == "/dev/ttyUSB3" || name == "/dev/ttyUSB4") {
-            lastPcui = name;
-        }
+        firstDiag = firstDiag.empty() && ports->isDiagPort(name) ? name : firstDiag;
+        lastPcui = ports->isPcuiPort(name) ? name : lastPcui;
     }
+    EXPECT_TRUE(firstDiag == "/dev/ttyUSB1" || firstDiag == "/dev/ttyUSB2" ||
+                firstDiag == "/dev/ttyUSBdiag6")
+        << firstDiag;
+    EXPECT_TRUE(lastPcui == "/dev/ttyUSB3" || lastPcui == "/dev/ttyUSB4") << lastPcui;
     EXPECT_EQ(firstDiag, ports->getDiagPortName());
     EXPECT_EQ(lastPcui, ports->getPcuiPortName());
-    EXPECT_LE(1, logCount("Port type: DIAG"));
     EXPECT_LE(1, logCount("Port type: PCUI AND DIAG port"));
 
-    const FakeSysfs neither;
-    neither.add({"1-1:1.0", "01", "ttyUSB0"});
-    neither.add({"1-1:1.5", "04", "ttyUSB5"});
-    EXPECT_EQ("", ports->getDiagPortName());
-    EXPECT_EQ("", ports->getPcuiPortName());
-    EXPECT_EQ(0, logCount("Did not find any port!"));
-
+    // Keywords decide before the discovered type; a name with both kinds is neither.
+    const std::tuple<const char*, bool, bool> names[] = {
+        {"/dev/diag1", true, false},
+        {"Application1", true, false},
+        {"TAT Port 2", true, false},
+        {"PC UI Interface", false, true},
+        {"Mobile AT Port", false, true},
+        {"pcui0", false, true},
+        {"Vodafone Mobile Broadband Secondary Port Modem", false, true},
+        {"DIAG PCUI", false, false},
+        {"/dev/ttyUSB0", false, false}};
+    for (const auto& [name, diag, pcui] : names) {
+        EXPECT_EQ(diag, ports->isDiagPort(name)) << name;
+        EXPECT_EQ(pcui, ports->isPcuiPort(name)) << name;
+    }
     const FakeSysfs none;
     EXPECT_EQ("", ports->getDiagPortName());
     EXPECT_EQ("", ports->getPcuiPortName());
     EXPECT_EQ(2, logCount("Did not find any port!"));
 }
 
-TEST_F(PortMgntTest, KeywordsDecideBeforeTheDiscoveredType) {
-    struct Row {
-        const char* name;
-        bool diag;
-        bool pcui;
-    };
-    const Row rows[] = {{"/dev/diag1", true, false},
-                        {"Diag port", true, false},
-                        {"Application1", true, false},
-                        {"TAT Port 2", true, false},
-                        {"PC UI Interface", false, true},
-                        {"Mobile AT Port", false, true},
-                        {"Pcui0", false, true},
-                        {"pcui0", false, true},
-                        {"Vodafone Mobile Broadband Secondary Port Modem", false, true},
-                        {"DIAG PCUI", false, false},
-                        {"/dev/ttyUSB40", false, false}};
-    for (const Row& row : rows) {
-        EXPECT_EQ(row.diag, ports->isDiagPort(row.name)) << row.name;
-        EXPECT_EQ(row.pcui, ports->isPcuiPort(row.name)) << row.name;
-    }
-
-    const FakeSysfs sysfs;
-    sysfs.add({"1-1:1.2", "02", "ttyUSB2"});
-    sysfs.add({"1-1:1.3", "03", "ttyUSB3"});
-    sysfs.add({"1-1:1.4", "02", "ttyUSBdiag4"});
-    std::list<std::string> found;
-    ASSERT_TRUE(ports->getPorts(found));
-    EXPECT_TRUE(ports->isPcuiPort("/dev/ttyUSB2"));
-    EXPECT_FALSE(ports->isDiagPort("/dev/ttyUSB2"));
-    EXPECT_TRUE(ports->isDiagPort("/dev/ttyUSB3"));
-    EXPECT_TRUE(ports->isDiagPort("/dev/ttyUSBdiag4"));  // a PCUI by type
-}
-
-TEST_F(PortMgntTest, OpenPortFilesByNameNotByType) {
-    closeBothSides();
-    testkit::Pty diag;
-    testkit::Pty plain;
-    const std::string diagLink = work.file("diag_port");
-    ASSERT_EQ(0, symlink(diag.slaveName().c_str(), diagLink.c_str()));
-    ASSERT_TRUE(ports->openPort(diagLink));
-    EXPECT_TRUE(ports->isPcuiAsDiag());
-    EXPECT_TRUE(reachesHandle(diag, ports->getDiagHandle()));
-    // A name with no keyword and no known type lands on the PCUI side.
-    ASSERT_TRUE(ports->openPort(plain.slaveName()));
-    EXPECT_FALSE(ports->isPcuiAsDiag());
-    EXPECT_TRUE(reachesHandle(plain, ports->getPcuiHandle()));
-    EXPECT_FALSE(ports->openPort(work.file("no-such-port")));
-    EXPECT_EQ(1, logCount("port open failed."));
-}
-
-TEST_F(PortMgntTest, OverridesSetAndClearPcuiAsDiag) {
-    closeBothSides();
+TEST_F(PortMgntTest, OverridesAndOpenPortDecidePcuiAsDiag) {
     testkit::Pty diag;
     testkit::Pty pcui;
-    EXPECT_FALSE(ports->openDiagPortByName(nullptr));
-    EXPECT_FALSE(ports->openPcuiPortByName(nullptr));
-    EXPECT_FALSE(ports->openDiagPortByName(work.file("no-such-port").c_str()));
-    EXPECT_FALSE(ports->openPcuiPortByName(work.file("no-such-port").c_str()));
+    const std::string missing = work.file("no-such-port");
+    EXPECT_FALSE(ports->openDiagPortByName(nullptr) || ports->openPcuiPortByName(nullptr));
+    EXPECT_FALSE(ports->openDiagPortByName(missing.c_str()));
+    EXPECT_FALSE(ports->openPcuiPortByName(missing.c_str()));
     EXPECT_EQ(1, logCount("open diag port failed."));
     EXPECT_EQ(1, logCount("open pcui port failed."));
     EXPECT_FALSE(ports->isPcuiAsDiag());
-
     // -d with no PCUI port open: the stream is taken to live on the PCUI side.
     ASSERT_TRUE(ports->openDiagPortByName(diag.slaveName().c_str()));
     EXPECT_TRUE(ports->isPcuiAsDiag());
     ASSERT_TRUE(ports->openPcuiPortByName(pcui.slaveName().c_str()));
     EXPECT_FALSE(ports->isPcuiAsDiag());
-    // The other order: -d while the PCUI port is open leaves it clear.
     ASSERT_TRUE(ports->openDiagPortByName(diag.slaveName().c_str()));
     EXPECT_FALSE(ports->isPcuiAsDiag());
     EXPECT_TRUE(reachesHandle(diag, ports->getDiagHandle()));
     EXPECT_TRUE(reachesHandle(pcui, ports->getPcuiHandle()));
+
+    // By name, not by type: a Diag keyword goes to the Diag side, anything else to PCUI.
+    const std::string diagLink = work.file("diag_port");
+    ASSERT_EQ(0, symlink(diag.slaveName().c_str(), diagLink.c_str()));
+    ASSERT_TRUE(ports->openPort(diagLink));
+    EXPECT_TRUE(ports->isPcuiAsDiag());
+    EXPECT_TRUE(reachesHandle(diag, ports->getDiagHandle()));
+    ASSERT_TRUE(ports->openPort(pcui.slaveName()));
+    EXPECT_FALSE(ports->isPcuiAsDiag());
+    EXPECT_TRUE(reachesHandle(pcui, ports->getPcuiHandle()));
+    EXPECT_FALSE(ports->openPort(missing));
+    EXPECT_EQ(1, logCount("port open failed."));
 }
 
-TEST_F(PortMgntTest, RegainsReuseTheStoredNameAndLeakNothing) {
-    closeBothSides();
+TEST_F(PortMgntTest, RegainsByDiscoveryOrByStoredNameLeakNothing) {
+    // With no names stored, each handle request asks discovery, which finds nothing here.
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(-1, ports->getDiagHandle());
+        EXPECT_EQ(-1, ports->getPcuiHandle());
+    }
+    EXPECT_EQ(6, logCount("Did not find any port!"));
+    EXPECT_EQ(3, logCount("Regain Diag port error"));
+    EXPECT_EQ(3, logCount("Regain Pcui port error"));
+
     for (const bool diagSide : {true, false}) {
+        SCOPED_TRACE(diagSide ? "diag" : "pcui");
         const auto regain = [&] {
             return diagSide ? ports->regainDiagPort() : ports->regainPcuiPort();
         };
         const std::string error = diagSide ? "Regain Diag port error" : "Regain Pcui port error";
-        SCOPED_TRACE(error);
         testkit::Pty pty;
         const std::string link = work.file("module_port");
         ASSERT_EQ(0, symlink(pty.slaveName().c_str(), link.c_str()));
@@ -175,37 +132,15 @@ TEST_F(PortMgntTest, RegainsReuseTheStoredNameAndLeakNothing) {
         }
         EXPECT_EQ(descriptors, testkit::openDescriptorCount());
         EXPECT_TRUE(reachesHandle(pty, regain()));
-
-        // The device goes away: the regain fails and closes the old handle...
-        const int errors = logCount(error);
+        // The device goes away: the regain fails and closes the old handle, but keeps the
+        // name, so the device is found again where it comes back.
         unlink(link.c_str());
         EXPECT_EQ(-1, regain());
-        EXPECT_EQ(errors + 1, logCount(error));
+        EXPECT_EQ(4, logCount(error));
         EXPECT_EQ(descriptors - 1, testkit::openDescriptorCount());
-        // ...but keeps the name, so the device is found again where it comes back.
         ASSERT_EQ(0, symlink(pty.slaveName().c_str(), link.c_str()));
         EXPECT_TRUE(reachesHandle(pty, regain()));
         unlink(link.c_str());
-    }
-}
-
-TEST_F(PortMgntTest, HandleRequestsWithNoPortRegainEachTime) {
-    // Under ctest each case has its process, so the names are still empty here and the
-    // regains ask discovery, which finds nothing.
-    const bool namesEmpty = !g_namesStored;
-    if (!namesEmpty) {
-        closeBothSides();
-    }
-    const int diagErrors = logCount("Regain Diag port error");
-    const int pcuiErrors = logCount("Regain Pcui port error");
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(-1, ports->getDiagHandle());
-        EXPECT_EQ(-1, ports->getPcuiHandle());
-    }
-    EXPECT_EQ(diagErrors + 3, logCount("Regain Diag port error"));
-    EXPECT_EQ(pcuiErrors + 3, logCount("Regain Pcui port error"));
-    if (namesEmpty) {
-        EXPECT_EQ(6, logCount("Did not find any port!"));
     }
 }
 
@@ -213,7 +148,6 @@ std::map<int, int> g_closes;
 int g_openAs = -1;
 
 TEST_F(PortMgntTest, DescriptorHeldByBothSidesIsClosedOnce) {
-    closeBothSides();
     testkit::Pty pcui;
     testkit::Pty diag;
     ASSERT_TRUE(ports->openPcuiPortByName(pcui.slaveName().c_str()));
@@ -229,10 +163,7 @@ TEST_F(PortMgntTest, DescriptorHeldByBothSidesIsClosedOnce) {
     };
     ASSERT_TRUE(ports->openDiagPortByName(diag.slaveName().c_str()));
     resetSerialSysCalls();
-    const int shared = g_openAs;
-    ASSERT_EQ(shared, ports->getDiagHandle());
-
-    g_closes.clear();
+    ASSERT_EQ(g_openAs, ports->getDiagHandle());
     serialSysCalls().close = [](int fd) {
         ++g_closes[fd];
         return ::close(fd);
@@ -242,7 +173,7 @@ TEST_F(PortMgntTest, DescriptorHeldByBothSidesIsClosedOnce) {
     EXPECT_NE(-1, ports->regainPcuiPort());
     EXPECT_NE(-1, ports->regainDiagPort());
     resetSerialSysCalls();
-    EXPECT_EQ(1, g_closes[shared]);
+    EXPECT_EQ(1, g_closes[g_openAs]);
     EXPECT_TRUE(reachesHandle(pcui, ports->getPcuiHandle()));
     EXPECT_TRUE(reachesHandle(diag, ports->getDiagHandle()));
 }
@@ -251,14 +182,11 @@ TEST_F(PortMgntTest, SavePathTakesForwardSlashesAndSurvivesAFailedCreate) {
     ports->setSavePath(work.path() + "\\logs");
     EXPECT_EQ(work.path() + "/logs", ports->getSavePath());
     EXPECT_TRUE(testkit::fileExists(work.file("logs")));
-
     // Only one level is created; a failure leaves the old directory in place.
     ports->setSavePath(work.file("a/b"));
     EXPECT_EQ(work.path() + "/logs", ports->getSavePath());
     EXPECT_EQ(1, logCount("create dir failed."));
-    EXPECT_FALSE(testkit::fileExists(work.file("a")));
-
-    makeDirs(work.file("run"));
+    std::filesystem::create_directory(work.file("run"));
     ports->setSavePath("run\\one");  // kept relative, made under the working directory
     EXPECT_EQ("run/one", ports->getSavePath());
     EXPECT_TRUE(testkit::fileExists(work.file("run/one")));

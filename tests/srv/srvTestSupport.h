@@ -9,17 +9,14 @@
 
 #include "testkit.h"
 
-// A case that runs in a temporary working directory, so that the diagnostic log it writes
-// ("vrec.log") is its own and can be searched. Case by case the sysfs root points into
-// that directory, so nothing walks the host's real /sys.
+// A case that runs in a temporary working directory, so that its diagnostic log
+// ("vrec.log") is its own, and whose sysfs root points there, away from the host's /sys.
 class SrvTest : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
-
-    std::string logText() const;
-    // How often `text` occurs in the diagnostic log so far.
-    int logCount(const std::string& text) const;
+    std::string logText() const { return testkit::readFile(work.file("vrec.log")); }
+    int logCount(const std::string& text) const;  // occurrences in the log so far
 
     testkit::TempDir work;
 
@@ -30,7 +27,7 @@ private:
 // One USB interface directory as the kernel shows it.
 struct UsbInterface {
     std::string name;      // "1-1:1.2"
-    std::string protocol;  // bInterfaceProtocol as sysfs shows it: "02", "FF"
+    std::string protocol;  // bInterfaceProtocol: "02", "FF"
     std::string tty;       // entry under the interface, "ttyUSB3"; empty for none
     std::string product = "1001";
     std::string number = "00";  // bInterfaceNumber
@@ -50,13 +47,8 @@ private:
     testkit::TempDir root;
 };
 
-// Port name -> PortType as OS_ADAPT_EnumPorts reports them; -1 stands for the status when
-// that is not OS_ADAPT_SUCCESS.
+// Port name -> PortType as OS_ADAPT_EnumPorts reports them; {"", -1} when it fails.
 std::map<std::string, int> enumeratedPorts();
-
-// Creates `path` and its parents.
-void makeDirs(const std::string& path);
-
 // True when a byte written on the master side of `pty` arrives on `handle`.
 bool reachesHandle(testkit::Pty& pty, int handle);
 

@@ -1,6 +1,5 @@
 #include "testkit.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <net/if.h>
 #include <poll.h>
@@ -11,7 +10,6 @@
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -20,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -30,63 +29,39 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-long msSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
-void removeTree(const std::string& path) {
-    struct stat st{};
-    if (lstat(path.c_str(), &st) != 0) {
-        return;
-    }
-    if (S_ISDIR(st.st_mode)) {
-        for (const std::string& name : listDir(path)) {
-            removeTree(path + "/" + name);
-        }
-        rmdir(path.c_str());
-    } else {
-        unlink(path.c_str());
-    }
-}
-
-std::vector<char*> cArgs(const std::vector<std::string>& argv) {
-    std::vector<char*> args;
-    for (const std::string& a : argv) {
-        args.push_back(const_cast<char*>(a.c_str()));
-    }
-    args.push_back(nullptr);
-    return args;
-}
-
-// Process ids whose process group is `group` and whose parent is this process.
+// Children of this process in process group `group`.
 std::vector<pid_t> childrenInGroup(pid_t group) {
     std::vector<pid_t> found;
     for (const std::string& name : listDir("/proc")) {
         const pid_t pid = static_cast<pid_t>(atoi(name.c_str()));
-        if (pid <= 0) {
-            continue;
-        }
-        const std::string stat = readFile("/proc/" + name + "/stat");
+        const std::string stat = pid > 0 ? readFile("/proc/" + name + "/stat") : "";
         const size_t close = stat.rfind(')');
-        if (close == std::string::npos) {
-            continue;
-        }
-        char state = 0;
         int ppid = 0;
         int pgrp = 0;
-        if (sscanf(stat.c_str() + close + 1, " %c %d %d", &state, &ppid, &pgrp) == 3 &&
-            pgrp == group && ppid == getpid()) {
+        if (close != std::string::npos &&
+            sscanf(stat.c_str() + close + 1, " %*c %d %d", &ppid, &pgrp) == 2 && pgrp == group &&
+            ppid == getpid()) {
             found.push_back(pid);
         }
     }
     return found;
 }
 
-int decodeStatus(int status) {
-    if (WIFEXITED(status)) {
-        return WEXITSTATUS(status);
+// Collects `pid` once it has ended; false if it still runs after `timeoutMs`.
+bool reap(pid_t pid, bool* done, int* exitStatus, int timeoutMs) {
+    const auto start = Clock::now();
+    while (!*done) {
+        int status = 0;
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            *done = true;
+            *exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -2;
+        } else if (msSince(start) > timeoutMs) {
+            return false;
+        } else {
+            usleep(2000);
+        }
     }
-    return -2;
+    return true;
 }
 
 }  // namespace
@@ -99,7 +74,10 @@ TempDir::TempDir() {
     dir = pattern;
 }
 
-TempDir::~TempDir() { removeTree(dir); }
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(dir, ignored);
+}
 
 Pty::Pty() {
     char slavePath[256] = {};
@@ -108,8 +86,7 @@ Pty::Pty() {
     }
     fcntl(masterFd, F_SETFD, FD_CLOEXEC);
     fcntl(slaveFd, F_SETFD, FD_CLOEXEC);
-    // Raw on the master's side too, so that bytes pass unchanged in both directions.
-    termios tio{};
+    termios tio{};  // raw, so that bytes pass unchanged in both directions
     tcgetattr(slaveFd, &tio);
     cfmakeraw(&tio);
     tcsetattr(slaveFd, TCSANOW, &tio);
@@ -118,33 +95,20 @@ Pty::Pty() {
 
 Pty::~Pty() {
     closeSlave();
-    if (masterFd != -1) {
-        close(masterFd);
-    }
+    closeMaster();
 }
 
-void Pty::closeSlave() {
-    if (slaveFd != -1) {
-        close(slaveFd);
-        slaveFd = -1;
-    }
-}
-
-void Pty::closeMaster() {
-    if (masterFd != -1) {
-        close(masterFd);
-        masterFd = -1;
+void Pty::closeFd(int& fd) {
+    if (fd != -1) {
+        close(fd);
+        fd = -1;
     }
 }
 
 std::string Pty::readMaster(size_t count, int timeoutMs) {
     std::string got;
     const auto start = Clock::now();
-    while (got.size() < count) {
-        const long left = timeoutMs - msSince(start);
-        if (left <= 0) {
-            break;
-        }
+    for (long left = timeoutMs; got.size() < count && left > 0; left = timeoutMs - msSince(start)) {
         pollfd pfd{masterFd, POLLIN, 0};
         if (poll(&pfd, 1, static_cast<int>(left)) <= 0) {
             continue;
@@ -160,8 +124,7 @@ std::string Pty::readMaster(size_t count, int timeoutMs) {
 }
 
 void Pty::writeMaster(const std::string& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
+    for (size_t done = 0; done < bytes.size();) {
         const ssize_t n = write(masterFd, bytes.data() + done, bytes.size() - done);
         if (n <= 0) {
             throw std::runtime_error("write to pty master failed");
@@ -192,42 +155,46 @@ std::string readFile(const std::string& path) {
 }
 
 void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream outFile(path, std::ios::binary | std::ios::trunc);
-    outFile << content;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+bool fileExists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
 std::vector<std::string> listDir(const std::string& path) {
     std::vector<std::string> names;
-    DIR* dir = opendir(path.c_str());
-    if (dir == nullptr) {
-        return names;
+    std::error_code error;
+    for (std::filesystem::directory_iterator it(path, error), end; !error && it != end;
+         it.increment(error)) {
+        names.push_back(it->path().filename());
     }
-    while (dirent* entry = readdir(dir)) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..") {
-            names.push_back(name);
+    return names;
+}
+
+bool waitFor(const std::function<bool()>& condition, int timeoutMs) {
+    for (const auto start = Clock::now(); !condition(); usleep(1000)) {
+        if (msSince(start) > timeoutMs) {
+            return false;
         }
     }
-    closedir(dir);
-    return names;
+    return true;
 }
 
 std::string hex(const std::string& bytes) {
     std::string text;
     char part[4];
     for (const char c : bytes) {
-        snprintf(part, sizeof(part), "%02X ", static_cast<unsigned char>(c));
+        snprintf(part, sizeof(part), text.empty() ? "%02X" : " %02X",
+                 static_cast<unsigned char>(c));
         text += part;
-    }
-    if (!text.empty()) {
-        text.pop_back();
     }
     return text;
 }
 
-int openDescriptorCount() { return static_cast<int>(listDir("/proc/self/fd").size()) - 1; }
+int openDescriptorCount() {
+    return static_cast<int>(listDir("/proc/self/fd").size()) - 1;
+}
 
 bool isolateNetwork() {
     if (unshare(CLONE_NEWNET) == 0) {
@@ -236,14 +203,11 @@ bool isolateNetwork() {
         strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
         const bool up = sock >= 0 && ioctl(sock, SIOCGIFFLAGS, &ifr) == 0 &&
                         (ifr.ifr_flags |= IFF_UP, ioctl(sock, SIOCSIFFLAGS, &ifr) == 0);
-        if (sock >= 0) {
-            close(sock);
-        }
+        close(sock);
         if (up) {
             return true;
         }
     }
-    // No namespace of our own: serialise with every other test that uses the ports.
     static int lockFd = open("/tmp/vrec-tests-udp.lock", O_CREAT | O_RDWR | O_CLOEXEC, 0666);
     if (lockFd >= 0) {
         flock(lockFd, LOCK_EX);
@@ -251,7 +215,9 @@ bool isolateNetwork() {
     return false;
 }
 
-void becomeSubreaper() { prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0); }
+void becomeSubreaper() {
+    prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+}
 
 std::string builtProgram(const std::string& relative) {
     return std::string(VREC_BINARY_DIR) + "/" + relative;
@@ -264,7 +230,11 @@ BackgroundRun::BackgroundRun(const std::vector<std::string>& argv, const std::st
     if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
         throw std::runtime_error("pipe failed");
     }
-    std::vector<char*> args = cArgs(argv);
+    std::vector<char*> args;
+    for (const std::string& a : argv) {
+        args.push_back(const_cast<char*>(a.c_str()));
+    }
+    args.push_back(nullptr);
     launcher = fork();
     if (launcher == 0) {
         setpgid(0, 0);
@@ -273,8 +243,7 @@ BackgroundRun::BackgroundRun(const std::vector<std::string>& argv, const std::st
         }
         dup2(outPipe[1], STDOUT_FILENO);
         dup2(errPipe[1], STDERR_FILENO);
-        const int devNull = open("/dev/null", O_RDONLY);
-        dup2(devNull, STDIN_FILENO);
+        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
         execv(args[0], args.data());
         _exit(127);
     }
@@ -288,13 +257,14 @@ BackgroundRun::BackgroundRun(const std::vector<std::string>& argv, const std::st
 BackgroundRun::~BackgroundRun() {
     if (launcher > 0) {
         kill(-launcher, SIGKILL);
-    }
-    if (!launcherDone && launcher > 0) {
-        waitpid(launcher, nullptr, 0);
-    }
-    for (pid_t pid : childrenInGroup(launcher)) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
+        if (!launcherDone) {
+            waitpid(launcher, nullptr, 0);
+        }
+        for (pid_t pid : childrenInGroup(launcher)) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+            childDone = childDone || pid == child;
+        }
     }
     if (child > 0 && !childDone) {
         kill(child, SIGKILL);
@@ -312,42 +282,27 @@ void BackgroundRun::readerLoop(int fd, std::string* sink) {
             continue;
         }
         std::lock_guard<std::mutex> guard(lock);
+        if (n > 0) {
+            sink->append(buffer, static_cast<size_t>(n));
+        }
+        openStreams -= n <= 0 ? 1 : 0;
+        changed.notify_all();
         if (n <= 0) {
-            --openStreams;
-            changed.notify_all();
             break;
         }
-        sink->append(buffer, static_cast<size_t>(n));
-        changed.notify_all();
     }
     close(fd);
 }
 
 int BackgroundRun::launcherStatus(int timeoutMs) {
-    const auto start = Clock::now();
-    while (!launcherDone) {
-        int status = 0;
-        const pid_t r = waitpid(launcher, &status, WNOHANG);
-        if (r == launcher) {
-            launcherDone = true;
-            launcherExit = decodeStatus(status);
-            break;
-        }
-        if (msSince(start) > timeoutMs) {
-            return -1;
-        }
-        usleep(2000);
-    }
-    return launcherExit;
+    return reap(launcher, &launcherDone, &launcherExit, timeoutMs) ? launcherExit : -1;
 }
 
 pid_t BackgroundRun::childPid(int timeoutMs) {
     const auto start = Clock::now();
     while (child <= 0) {
         for (pid_t pid : childrenInGroup(launcher)) {
-            if (pid != launcher) {
-                child = pid;
-            }
+            child = pid != launcher ? pid : child;
         }
         if (child > 0 || msSince(start) > timeoutMs) {
             break;
@@ -359,43 +314,19 @@ pid_t BackgroundRun::childPid(int timeoutMs) {
 
 int BackgroundRun::childStatus(int timeoutMs) {
     const auto start = Clock::now();
-    if (launcherStatus(timeoutMs) == -1 && !launcherDone) {
+    const auto left = [&] { return static_cast<int>(std::max(0L, timeoutMs - msSince(start))); };
+    if (!reap(launcher, &launcherDone, &launcherExit, timeoutMs) || childPid(left()) <= 0 ||
+        !reap(child, &childDone, &childExit, left())) {
         return -1;
-    }
-    if (childPid(std::max<long>(0, timeoutMs - msSince(start))) <= 0) {
-        return -1;
-    }
-    while (!childDone) {
-        int status = 0;
-        const pid_t r = waitpid(child, &status, WNOHANG);
-        if (r == child) {
-            childDone = true;
-            childExit = decodeStatus(status);
-            break;
-        }
-        if (msSince(start) > timeoutMs) {
-            return -1;
-        }
-        usleep(2000);
     }
     return childExit;
 }
 
 bool BackgroundRun::waitForOutput(const std::string& needle, int timeoutMs) {
     std::unique_lock<std::mutex> guard(lock);
-    return changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), [&] {
-        return out.find(needle) != std::string::npos || openStreams == 0;
-    }) && out.find(needle) != std::string::npos;
-}
-
-std::string BackgroundRun::output() {
-    std::lock_guard<std::mutex> guard(lock);
-    return out;
-}
-
-std::string BackgroundRun::errors() {
-    std::lock_guard<std::mutex> guard(lock);
-    return err;
+    changed.wait_for(guard, std::chrono::milliseconds(timeoutMs),
+                     [&] { return out.find(needle) != std::string::npos || openStreams == 0; });
+    return out.find(needle) != std::string::npos;
 }
 
 void BackgroundRun::waitForEof(int timeoutMs) {
@@ -408,7 +339,7 @@ int runToEnd(const std::vector<std::string>& argv, const std::string& cwd, std::
     BackgroundRun run(argv, cwd);
     int status = run.launcherStatus(timeoutMs);
     run.waitForEof(timeoutMs);
-    // A program that forked reports through its child, which is a zombie of ours by now.
+    // A program that forked reports through its child, a zombie of ours by now.
     if (status != -1 && run.childPid(0) > 0) {
         status = run.childStatus(timeoutMs);
     }

@@ -3,7 +3,9 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -25,7 +27,7 @@ private:
     std::string dir;
 };
 
-// Both ends of a pseudo-terminal; the slave is what a program opens as its port.
+// Both ends of a raw pseudo-terminal; the slave is what a program opens as its port.
 class Pty {
 public:
     Pty();
@@ -35,14 +37,14 @@ public:
     int master() const { return masterFd; }
     int slave() const { return slaveFd; }
     const std::string& slaveName() const { return name; }
-    void closeSlave();
-    // Hangs the line up, as an unplugged module does.
-    void closeMaster();
+    void closeSlave() { closeFd(slaveFd); }
+    void closeMaster() { closeFd(masterFd); }  // hangs up, as an unplugged module does
     // Reads from the master until `count` bytes came or `timeoutMs` passed.
     std::string readMaster(size_t count, int timeoutMs);
     void writeMaster(const std::string& bytes);
 
 private:
+    static void closeFd(int& fd);
     int masterFd = -1;
     int slaveFd = -1;
     std::string name;
@@ -64,26 +66,31 @@ std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 bool fileExists(const std::string& path);
 std::vector<std::string> listDir(const std::string& path);
-// "7E 01 ..." for failure messages that read at a glance.
-std::string hex(const std::string& bytes);
-// Number of open descriptors of this process.
-int openDescriptorCount();
+// Milliseconds since `start`.
+inline long msSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start)
+        .count();
+}
+// Looks at `condition` every millisecond; false if it did not hold within `timeoutMs`.
+bool waitFor(const std::function<bool()>& condition, int timeoutMs = 2000);
+std::string hex(const std::string& bytes);  // "7E 01 ...", so a failure reads at a glance
+int openDescriptorCount();                  // of this process
 
-// Gives the calling process a network namespace of its own with loopback up, so that the
-// fixed UDP ports never collide between tests run in parallel. Where that is not permitted,
-// takes a machine-wide lock instead, held until the process ends. Returns true when the
-// process has its own namespace.
+// Gives the process a network namespace of its own with loopback up, so that the fixed UDP
+// ports never collide between tests run in parallel; where that is not permitted, takes a
+// machine-wide lock held until the process ends. True when the namespace is its own.
 bool isolateNetwork();
 
-// Makes this process the reaper of orphaned descendants, so a test can collect the exit
-// status of the background run that vrec forks off.
+// Makes this process the reaper of orphaned descendants, so that a test can collect the
+// exit status of the background run that vrec forks off.
 void becomeSubreaper();
 
 // Path of a program built by the project, such as "vrecCmd/vrec".
 std::string builtProgram(const std::string& relative);
 
-// One run of a program that forks itself into the background, as vrec does. Output of the
-// launcher and of the background child is collected from one pipe.
+// One run of a program that forks itself into the background, as vrec does; the output of
+// the launcher and of its child is collected.
 class BackgroundRun {
 public:
     BackgroundRun(const std::vector<std::string>& argv, const std::string& cwd);
@@ -91,21 +98,23 @@ public:
     BackgroundRun(const BackgroundRun&) = delete;
     BackgroundRun& operator=(const BackgroundRun&) = delete;
 
-    // Exit status of the launched process (the parent of the fork); -1 on time-out.
+    // Exit status of the launched process; -1 on time-out, -2 if it died of a signal.
     int launcherStatus(int timeoutMs = 10000);
-    // Exit status of the forked child; -1 on time-out, -2 if it died of a signal.
+    // Exit status of the forked child, the same way.
     int childStatus(int timeoutMs = 10000);
     pid_t childPid(int timeoutMs = 5000);
     bool waitForOutput(const std::string& needle, int timeoutMs = 10000);
-    // Everything printed so far (stdout); stderr apart.
-    std::string output();
-    std::string errors();
+    std::string output() { return locked(out); }  // stdout so far
+    std::string errors() { return locked(err); }  // stderr so far
     // Waits until both streams are closed by every writer.
     void waitForEof(int timeoutMs = 10000);
 
 private:
-    void reapUntil(int timeoutMs, bool wantChild);
     void readerLoop(int fd, std::string* sink);
+    std::string locked(const std::string& text) {
+        std::lock_guard<std::mutex> guard(lock);
+        return text;
+    }
 
     pid_t launcher = -1;
     pid_t child = -1;

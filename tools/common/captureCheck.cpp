@@ -43,7 +43,8 @@ void CaptureCheck::take(const DeframeStep& step) {
             checker.take(step.packet);
             return;
         case DeframeStep::kJunk:
-            junkBytes += step.used;
+            // At the very start, a run too short to be a frame is the tail of a cut one.
+            (first ? headBytes : junkBytes) += step.used;
             return;
         case DeframeStep::kIncomplete:
             incompleteBytes += step.used;
