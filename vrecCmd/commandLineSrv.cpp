@@ -122,6 +122,8 @@ CommandLineSrv::CommandLineSrv() {
         }
     }
     signal(SIGQUIT, onSigQuit);
+    // A terminal or pipe that went away must not end the capture unannounced.
+    signal(SIGPIPE, SIG_IGN);
 }
 
 void CommandLineSrv::onSigQuit(int /*signal*/) {
@@ -304,10 +306,10 @@ bool CommandLineSrv::startLog(CaptureOptions& runOptions) {
     DIAG_LOG(LOG_INFO, "Compiled at: %s", kBuildTime);
     DIAG_LOG(LOG_INFO, "%s", kMaker);
 
-    {
-        std::lock_guard<std::mutex> lock(stopLock);
-        current = g_factory ? g_factory(runOptions) : makeDefaultImpl(runOptions);
-    }
+    // A stop that comes while the mode starts waits for the start to finish, so that it
+    // never tears the mode down under it.
+    std::lock_guard<std::mutex> lock(stopLock);
+    current = g_factory ? g_factory(runOptions) : makeDefaultImpl(runOptions);
     if (!current || !current->startLog(runOptions)) {
         return true;
     }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
 #include <sstream>
 
@@ -210,6 +211,8 @@ bool AtMdonImpl::startLog(const CaptureOptions& options) {
     }
     std::string cmd;
     if (state == 3 || state == 4) {
+        // The real-time log honours -o as a Diag capture does.
+        DiagService::getInstance()->setOverwrite(options.overwrite);
         if (!startReadDiag()) {
             DIAG_LOG(LOG_ERRO, state == 3 ? "start RealLog thread failed."
                                           : "start read real log thread failed.");
@@ -261,6 +264,9 @@ bool AtMdonImpl::stopLog() {
 
 std::vector<std::string> AtMdonImpl::splitText(const std::string& text,
                                                const std::string& separator) {
+    if (text.empty()) {
+        return {};
+    }
     if (text.size() < separator.size() || separator.empty()) {
         return {text};
     }
@@ -494,7 +500,9 @@ bool AtMdonImpl::exportSingleFile(const std::string& path, const std::string& na
 
 int AtMdonImpl::configPieceSize(int maxCommandLength) {
     // The Base64 of a piece fills the command but for the room of its other fields.
-    return (maxCommandLength * 3 - 3 * kUploadCommandOverhead) / 4;
+    const long long size = (static_cast<long long>(maxCommandLength) * 3 -
+                            3 * kUploadCommandOverhead) / 4;
+    return size > INT32_MAX ? INT32_MAX : static_cast<int>(size < 0 ? 0 : size);
 }
 
 std::vector<std::string> AtMdonImpl::cutPieces(const std::string& document, int pieceSize) {

@@ -1,7 +1,9 @@
 #include "diagService.h"
 
 #include <chrono>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include <unistd.h>
 
@@ -54,14 +56,15 @@ DiagService::~DiagService() {
 }
 
 void DiagService::setTotalSize(uint32_t megabytes) {
-    maxTotalBytes = megabytes << 20;
-    DIAG_LOG(LOG_INFO, "the max log size is set to %lu", static_cast<unsigned long>(maxTotalBytes));
+    maxTotalBytes = static_cast<uint64_t>(megabytes) << 20;
+    DIAG_LOG(LOG_INFO, "the max log size is set to %llu",
+             static_cast<unsigned long long>(maxTotalBytes));
 }
 
 void DiagService::setCycleSize(uint32_t megabytes) {
-    cycleLimitBytes = megabytes << 20;
-    DIAG_LOG(LOG_INFO, "the log cycle size is set to %lu",
-             static_cast<unsigned long>(cycleLimitBytes));
+    cycleLimitBytes = static_cast<uint64_t>(megabytes) << 20;
+    DIAG_LOG(LOG_INFO, "the log cycle size is set to %llu",
+             static_cast<unsigned long long>(cycleLimitBytes));
 }
 
 void DiagService::setReport(bool enabled, uint32_t step) {
@@ -76,6 +79,7 @@ bool DiagService::beginReadDiag(int port, const std::string& path) {
     }
     diagPort = port;
     savePath = path;
+    stopRequested = false;
     cmdDir = CDirectory::GetCurrentDir();
     return startReadThread();
 }
@@ -145,7 +149,11 @@ bool DiagService::sendSingleCmd(const unsigned char* bytes, int length, int sele
 
 void DiagService::sendStartCmds() { sendCmdsFromFileOrTable(kStartCmdFile, true); }
 
-void DiagService::sendStopCmds() { sendCmdsFromFileOrTable(kStopCmdFile, false); }
+void DiagService::sendStopCmds() {
+    stopRequested = true;
+    std::lock_guard<std::mutex> lock(sendLock);
+    sendCmdsFromFileOrTable(kStopCmdFile, false);
+}
 
 void DiagService::sendCmdsFromFileOrTable(const char* fileName, bool start) {
     DIAG_TRACE();
@@ -169,12 +177,16 @@ void DiagService::sendCmdsFromFileOrTable(const char* fileName, bool start) {
 void DiagService::sendQualcommStartDiagCmds() {
     const FrameTable& table = kQualcommStartFrames;
     for (int i = 0; i < table.count; ++i) {
-        // A capture that is being stopped needs no more start frames.
-        if (!running) {
-            break;
-        }
-        if (!sendSingleCmd(table.frame(i), table.length(i), PORT_DIAG)) {
-            DIAG_LOG(LOG_ERRO, "Write diag command failed\n");
+        {
+            // A capture that is being stopped gets no more start frames: one after the stop
+            // set would leave the module logging.
+            std::lock_guard<std::mutex> lock(sendLock);
+            if (stopRequested || !running) {
+                break;
+            }
+            if (!sendSingleCmd(table.frame(i), table.length(i), PORT_DIAG)) {
+                DIAG_LOG(LOG_ERRO, "Write diag command failed\n");
+            }
         }
         usleep(kTableFramePauseUs);
     }
@@ -323,7 +335,7 @@ bool DiagService::prepareLogFile() {
         return false;
     }
     DIAG_LOG(LOG_INFO, "Saving log file %s...", getCurrentLogName().c_str());
-    logItems.push_back(getCurrentLogName());
+    rememberItem(getCurrentLogName());
     return true;
 }
 
@@ -336,17 +348,24 @@ void DiagService::closeLogFile() {
 
 bool DiagService::rotate(RotationCause cause) {
     logFile->Close();
-    logFile->Rename(getCurrentLogName());
+    const std::string finished = getCurrentLogName();
+    // Where the finished item cannot take its name, the file in progress goes on from its
+    // end rather than being emptied, so that no captured byte is lost.
+    const bool renamed = logFile->Rename(finished);
+    if (!renamed) {
+        DIAG_LOG(LOG_ERRO, "rename %s to %s failed: %s", realLogName.c_str(), finished.c_str(),
+                 strerror(errno));
+    }
     logFile.reset();
     setCurrentLogName(nextLogItemName(logDir));
     const std::string name = getCurrentLogName();
     logFile = std::make_unique<CFile>(realLogName);
-    if (!logFile->Open("wb")) {
+    if (!logFile->Open(renamed ? "wb" : "ab")) {
         DIAG_LOG(LOG_INFO, "create file %s failed.", name.c_str());
         logFile.reset();
         return false;
     }
-    logItems.push_back(name);
+    rememberItem(name);
     cycleBytes = 0;
     if (cause == RotationCause::TotalLimit) {
         DIAG_LOG(LOG_INFO, "Start a new cycle log file %s...", name.c_str());
@@ -358,10 +377,18 @@ bool DiagService::rotate(RotationCause cause) {
     return true;
 }
 
+void DiagService::rememberItem(const std::string& name) {
+    // The names serve only the deletion of the oldest item at the total limit; without a
+    // limit they are not kept, so a long capture with cycles does not grow in memory.
+    if (maxTotalBytes != 0) {
+        logItems.push_back(name);
+    }
+}
+
 DiagService::ChunkResult DiagService::takeChunk(const char* data, int count,
-                                                uint32_t& lastReported) {
-    totalBytes += static_cast<uint32_t>(count);
-    cycleBytes += static_cast<uint32_t>(count);
+                                                uint64_t& lastReported) {
+    totalBytes += static_cast<uint64_t>(count);
+    cycleBytes += static_cast<uint64_t>(count);
     logFile->Write(data, static_cast<size_t>(count));
     // Every chunk is on disk before the next read; a failed flush is a full medium.
     if (logFile->Flush() != 0) {
@@ -370,8 +397,8 @@ DiagService::ChunkResult DiagService::takeChunk(const char* data, int count,
         return ChunkResult::EndLoop;
     }
     if (reportEnabled && totalBytes - lastReported > reportStep) {
-        consolePrint("%s\rFrom vrec - INFO: current size of captured log is ... %lu \n", kLineClear,
-                     static_cast<unsigned long>(totalBytes));
+        consolePrint("%s\rFrom vrec - INFO: current size of captured log is ... %llu \n",
+                     kLineClear, static_cast<unsigned long long>(totalBytes));
         lastReported = totalBytes;
     }
     if (maxTotalBytes != 0 && totalBytes >= maxTotalBytes) {
@@ -381,8 +408,10 @@ DiagService::ChunkResult DiagService::takeChunk(const char* data, int count,
                          kLineClear);
             return ChunkResult::EndLoop;
         }
-        CFile(logItems.front()).Remove();
-        logItems.pop_front();
+        if (!logItems.empty()) {
+            CFile(logItems.front()).Remove();
+            logItems.pop_front();
+        }
         totalBytes -= cycleLimitBytes;
         if (!rotate(RotationCause::TotalLimit)) {
             return ChunkResult::EndThread;
@@ -396,11 +425,17 @@ DiagService::ChunkResult DiagService::takeChunk(const char* data, int count,
     return ChunkResult::Continue;
 }
 
+void DiagService::pauseBeforeReconnect() {
+    // The pause ends early when the capture is being stopped.
+    if (wakeup.Fd() == -1 || OS_ADAPT_WaitReadable(wakeup.Fd(), kReconnectPauseUs / 1000) < 0) {
+        usleep(kReconnectPauseUs);
+    }
+}
+
 void DiagService::reconnect() {
     DIAG_LOG(LOG_INFO, "read log failed.trying to reconnect...");
-    // The pause before a reconnect ends early when the capture is being stopped.
-    OS_ADAPT_WaitReadable(wakeup.Fd(), static_cast<int>(kReconnectPauseUs / 1000));
-    if (!running) {
+    pauseBeforeReconnect();
+    if (!running || stopRequested) {
         return;
     }
     diagPort = PortMgnt::getInstance()->regainDiagPort();
@@ -424,20 +459,19 @@ void DiagService::readPort() {
         return;
     }
     char chunk[kChunkBytes];
-    uint32_t lastReported = 0;
-    bool backlog = false;  // the last read filled the chunk: more is waiting
-    // No pause between passes: the read blocks while the port is idle, and a pause would
-    // cap the capture below what a module sends over USB. While a backlog drains, the wait
-    // that lets a stop wake the reader is skipped, since the read returns at once.
+    uint64_t lastReported = 0;
+    // No pause between passes: the wait blocks while the port is idle, and a pause would cap
+    // the capture below what a module sends over USB. The wait also watches the wake-up
+    // pipe, so that a stop ends the reader at once even when the module is silent.
     while (running) {
-        const int wait = backlog ? 1 : OS_ADAPT_WaitPortOrWake(diagPort, wakeup.Fd());
+        const int wait = OS_ADAPT_WaitPortOrWake(diagPort, wakeup.Fd());
         if (wait == 2) {
             wakeup.Drain();
             continue;
         }
         int count = 0;
-        if (wait == 1 && OS_ADAPT_Read(diagPort, chunk, kChunkBytes, &count) == OS_ADAPT_SUCCESS) {
-            backlog = count == kChunkBytes;
+        if (wait == 1 &&
+            OS_ADAPT_ReadNow(diagPort, chunk, kChunkBytes, &count) == OS_ADAPT_SUCCESS) {
             const ChunkResult result = takeChunk(chunk, count, lastReported);
             if (result == ChunkResult::EndThread) {
                 return;
@@ -445,8 +479,7 @@ void DiagService::readPort() {
             if (result == ChunkResult::EndLoop) {
                 break;
             }
-        } else {
-            backlog = false;
+        } else if (running) {
             reconnect();
         }
     }

@@ -72,8 +72,8 @@ public:
     bool isRunning() const { return running; }
     uint32_t getReportStep() const { return reportStep; }
     bool isReportEnabled() const { return reportEnabled; }
-    uint32_t getMaxTotalBytes() const { return maxTotalBytes; }
-    uint32_t getCycleLimitBytes() const { return cycleLimitBytes; }
+    uint64_t getMaxTotalBytes() const { return maxTotalBytes; }
+    uint64_t getCycleLimitBytes() const { return cycleLimitBytes; }
     int getChipType() const { return chipType; }
 
 private:
@@ -84,7 +84,9 @@ private:
 
     void sendCmdsFromFileOrTable(const char* fileName, bool start);
     bool prepareLogFile();
-    ChunkResult takeChunk(const char* data, int count, uint32_t& lastReported);
+    ChunkResult takeChunk(const char* data, int count, uint64_t& lastReported);
+    void pauseBeforeReconnect();
+    void rememberItem(const std::string& name);
     bool rotate(RotationCause cause);
     void reconnect();
     void closeLogFile();
@@ -96,6 +98,10 @@ private:
     std::atomic<int> diagPort{-1};
     int pcuiPort = -1;
     std::atomic<bool> running{true};
+    // Set when the stop commands are about to go out: no start command may follow them.
+    std::atomic<bool> stopRequested{false};
+    // Serialises a start frame against the whole stop set.
+    std::mutex sendLock;
     std::string cmdDir;
     std::string savePath;
     std::string logDir;  // the directory of this run's log files
@@ -105,10 +111,11 @@ private:
     std::deque<std::string> logItems;  // oldest first; the last is the item in progress
     std::string currentLogName;
     std::string realLogName;
-    uint32_t totalBytes = 0;
-    uint32_t cycleBytes = 0;
-    uint32_t maxTotalBytes = 0;
-    uint32_t cycleLimitBytes = 0;
+    // Sizes in 64 bits, so that limits of 4096 MB and more and long captures do not wrap.
+    uint64_t totalBytes = 0;
+    uint64_t cycleBytes = 0;
+    uint64_t maxTotalBytes = 0;
+    uint64_t cycleLimitBytes = 0;
     int chipType = CHIP_QUALCOMM;
 
     // The reader announces when its log file is set up, so that the start line can name it.

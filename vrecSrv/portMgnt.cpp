@@ -297,15 +297,19 @@ bool PortMgnt::stopReadDiag() {
         std::lock_guard<std::recursive_mutex> lock(handleLock);
         if (diagPort == -1) {
             DIAG_LOG(LOG_INFO, "Port is not exist.");
-            return true;
+            // A reader whose port went away is still trying to regain it: it stops all the
+            // same, or it could reopen the port and send start commands during the exit.
+            if (!reading) {
+                return true;
+            }
         }
     }
     // Never wait for the reader while holding the lock: it may be regaining the port.
     DiagService::getInstance()->stopReadDiag();
     std::lock_guard<std::recursive_mutex> lock(handleLock);
     reading = false;
-    if (pcuiAsDiag) {
-        return true;  // the port serves the PCUI side too and stays open
+    if (pcuiAsDiag || diagPort == -1) {
+        return true;  // shared with the PCUI side, which keeps it open; or already gone
     }
     releaseHandle(diagPort);
     diagPortName.clear();

@@ -128,6 +128,17 @@ int OS_ADAPT_WaitReadable(int handle, int timeoutMs) {
     return rc > 0 ? 1 : 0;
 }
 
+int OS_ADAPT_ReadNow(int handle, void* buffer, int length, int* count) {
+    int result = -1;
+    if (handle != -1 && buffer != nullptr && length > 0) {
+        result = static_cast<int>(g_calls.read(handle, buffer, static_cast<size_t>(length)));
+    }
+    if (count != nullptr) {
+        *count = result;
+    }
+    return result > 0 ? OS_ADAPT_SUCCESS : OS_ADAPT_FAILED;
+}
+
 int OS_ADAPT_WaitPortOrWake(int handle, int wakeFd) {
     if (handle == -1) {
         return -1;

@@ -45,6 +45,10 @@ void resetSerialSysCalls();
 // Callers with a time limit wait here first, so that OS_ADAPT_Read then returns at once.
 int OS_ADAPT_WaitReadable(int handle, int timeoutMs);
 
+// One read without waiting first, for a caller that has just seen the port ready (through
+// OS_ADAPT_WaitPortOrWake): the same statuses as OS_ADAPT_Read.
+int OS_ADAPT_ReadNow(int handle, void* buffer, int length, int* count);
+
 // Waits without limit until the port has data or was hung up, or until `wakeFd` becomes
 // readable. 1: the port is ready; 2: woken; -1: a bad handle or a failed wait.
 int OS_ADAPT_WaitPortOrWake(int handle, int wakeFd);
