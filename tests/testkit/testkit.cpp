@@ -14,6 +14,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -49,19 +51,21 @@ std::vector<pid_t> childrenInGroup(pid_t group) {
 
 // Collects `pid` once it has ended; false if it still runs after `timeoutMs`.
 bool reap(pid_t pid, bool* done, int* exitStatus, int timeoutMs) {
-    const auto start = Clock::now();
-    while (!*done) {
+    const auto ended = [&] {
         int status = 0;
-        if (waitpid(pid, &status, WNOHANG) == pid) {
-            *done = true;
-            *exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -2;
-        } else if (msSince(start) > timeoutMs) {
+        if (waitpid(pid, &status, WNOHANG) != pid) {
             return false;
-        } else {
-            usleep(2000);
         }
-    }
-    return true;
+        *exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -2;
+        return *done = true;
+    };
+    return *done || waitFor(ended, timeoutMs);
+}
+
+std::vector<std::string> withHead(std::vector<std::string> head,
+                                  const std::vector<std::string>& tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
 }
 
 }  // namespace
@@ -225,11 +229,10 @@ std::string builtProgram(const std::string& relative) {
 
 BackgroundRun::BackgroundRun(const std::vector<std::string>& argv, const std::string& cwd) {
     becomeSubreaper();
-    int outPipe[2];
-    int errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
+    // Files, not pipes: what a run printed stays readable after it ended, and the launcher
+    // and its child write through one shared offset.
+    const int out = open(streams.file("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const int err = open(streams.file("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     std::vector<char*> args;
     for (const std::string& a : argv) {
         args.push_back(const_cast<char*>(a.c_str()));
@@ -241,17 +244,15 @@ BackgroundRun::BackgroundRun(const std::vector<std::string>& argv, const std::st
         if (chdir(cwd.c_str()) != 0) {
             _exit(126);
         }
-        dup2(outPipe[1], STDOUT_FILENO);
-        dup2(errPipe[1], STDERR_FILENO);
+        dup2(out, STDOUT_FILENO);
+        dup2(err, STDERR_FILENO);
         dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
         execv(args[0], args.data());
         _exit(127);
     }
     setpgid(launcher, launcher);
-    close(outPipe[1]);
-    close(errPipe[1]);
-    outReader = std::thread(&BackgroundRun::readerLoop, this, outPipe[0], &out);
-    errReader = std::thread(&BackgroundRun::readerLoop, this, errPipe[0], &err);
+    close(out);
+    close(err);
 }
 
 BackgroundRun::~BackgroundRun() {
@@ -270,28 +271,6 @@ BackgroundRun::~BackgroundRun() {
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
     }
-    outReader.join();
-    errReader.join();
-}
-
-void BackgroundRun::readerLoop(int fd, std::string* sink) {
-    char buffer[4096];
-    for (;;) {
-        const ssize_t n = read(fd, buffer, sizeof(buffer));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        std::lock_guard<std::mutex> guard(lock);
-        if (n > 0) {
-            sink->append(buffer, static_cast<size_t>(n));
-        }
-        openStreams -= n <= 0 ? 1 : 0;
-        changed.notify_all();
-        if (n <= 0) {
-            break;
-        }
-    }
-    close(fd);
 }
 
 int BackgroundRun::launcherStatus(int timeoutMs) {
@@ -299,16 +278,14 @@ int BackgroundRun::launcherStatus(int timeoutMs) {
 }
 
 pid_t BackgroundRun::childPid(int timeoutMs) {
-    const auto start = Clock::now();
-    while (child <= 0) {
-        for (pid_t pid : childrenInGroup(launcher)) {
-            child = pid != launcher ? pid : child;
-        }
-        if (child > 0 || msSince(start) > timeoutMs) {
-            break;
-        }
-        usleep(2000);
-    }
+    waitFor(
+        [&] {
+            for (pid_t pid : childrenInGroup(launcher)) {
+                child = child <= 0 && pid != launcher ? pid : child;
+            }
+            return child > 0;
+        },
+        timeoutMs);
     return child;
 }
 
@@ -323,22 +300,21 @@ int BackgroundRun::childStatus(int timeoutMs) {
 }
 
 bool BackgroundRun::waitForOutput(const std::string& needle, int timeoutMs) {
-    std::unique_lock<std::mutex> guard(lock);
-    changed.wait_for(guard, std::chrono::milliseconds(timeoutMs),
-                     [&] { return out.find(needle) != std::string::npos || openStreams == 0; });
-    return out.find(needle) != std::string::npos;
+    return waitFor([&] { return output().find(needle) != std::string::npos; }, timeoutMs);
 }
 
 void BackgroundRun::waitForEof(int timeoutMs) {
-    std::unique_lock<std::mutex> guard(lock);
-    changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), [&] { return openStreams == 0; });
+    // A child is forked before the launcher ends, so once the launcher is gone a child
+    // that is not there yet never comes.
+    if (launcherStatus(timeoutMs) != -1 && childPid(0) > 0) {
+        childStatus(timeoutMs);
+    }
 }
 
 int runToEnd(const std::vector<std::string>& argv, const std::string& cwd, std::string* out,
              std::string* err, int timeoutMs) {
     BackgroundRun run(argv, cwd);
     int status = run.launcherStatus(timeoutMs);
-    run.waitForEof(timeoutMs);
     // A program that forked reports through its child, a zombie of ours by now.
     if (status != -1 && run.childPid(0) > 0) {
         status = run.childStatus(timeoutMs);
@@ -350,6 +326,48 @@ int runToEnd(const std::vector<std::string>& argv, const std::string& cwd, std::
         *err = run.errors();
     }
     return status;
+}
+
+ModemSim::ModemSim(const std::string& where, const std::vector<std::string>& args)
+    : dir(where),
+      run(withHead(
+              {builtProgram("tools/vrec-modemsim"), "--record", "record.txt", "--control", "ctl"},
+              args),
+          where),
+      ready(run.waitForOutput("ready\n", 5000)) {
+    EXPECT_TRUE(ready) << run.errors();
+}
+
+void ModemSim::control(const std::string& line) {
+    // Not blocking: a FIFO with no simulator behind it fails at once.
+    const int fd = open((dir + "/ctl").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_NE(-1, fd) << strerror(errno);
+    EXPECT_EQ(static_cast<ssize_t>(line.size() + 1),
+              write(fd, (line + "\n").data(), line.size() + 1));
+    close(fd);
+}
+
+bool ModemSim::fault(const std::string& spec) {
+    control(spec);
+    return waitFor([&] { return record().find("fault " + spec) != std::string::npos; });
+}
+
+std::vector<std::string> ModemSim::arrived(const std::string& port,
+                                           std::vector<long>* times) const {
+    std::vector<std::string> lines;
+    std::istringstream text(record());
+    long ms = 0;
+    std::string who;
+    std::string what;
+    while (text >> ms >> who && std::getline(text >> std::ws, what)) {
+        if (who == port) {
+            lines.push_back(what);
+            if (times != nullptr) {
+                times->push_back(ms);
+            }
+        }
+    }
+    return lines;
 }
 
 }  // namespace testkit

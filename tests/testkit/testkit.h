@@ -4,11 +4,8 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace testkit {
@@ -75,22 +72,23 @@ inline long msSince(std::chrono::steady_clock::time_point start) {
 // Looks at `condition` every millisecond; false if it did not hold within `timeoutMs`.
 bool waitFor(const std::function<bool()>& condition, int timeoutMs = 2000);
 std::string hex(const std::string& bytes);  // "7E 01 ...", so a failure reads at a glance
-int openDescriptorCount();                  // of this process
+inline bool endsWith(const std::string& text, const std::string& tail) {
+    return text.size() >= tail.size() &&
+           text.compare(text.size() - tail.size(), tail.npos, tail) == 0;
+}
+int openDescriptorCount();  // of this process
 
-// Gives the process a network namespace of its own with loopback up, so that the fixed UDP
-// ports never collide between tests run in parallel; where that is not permitted, takes a
-// machine-wide lock held until the process ends. True when the namespace is its own.
+// Gives the process a network namespace with loopback up (true), so that the fixed UDP ports
+// never collide between tests run in parallel; else takes a machine-wide lock until the end.
 bool isolateNetwork();
 
-// Makes this process the reaper of orphaned descendants, so that a test can collect the
-// exit status of the background run that vrec forks off.
+// Makes this process the reaper of the background run that vrec forks off.
 void becomeSubreaper();
 
 // Path of a program built by the project, such as "vrecCmd/vrec".
 std::string builtProgram(const std::string& relative);
 
-// One run of a program that forks itself into the background, as vrec does; the output of
-// the launcher and of its child is collected.
+// One run of a program that may fork itself into the background, as vrec does.
 class BackgroundRun {
 public:
     BackgroundRun(const std::vector<std::string>& argv, const std::string& cwd);
@@ -104,37 +102,42 @@ public:
     int childStatus(int timeoutMs = 10000);
     pid_t childPid(int timeoutMs = 5000);
     bool waitForOutput(const std::string& needle, int timeoutMs = 10000);
-    std::string output() { return locked(out); }  // stdout so far
-    std::string errors() { return locked(err); }  // stderr so far
-    // Waits until both streams are closed by every writer.
+    std::string output() { return readFile(streams.file("out")); }  // stdout so far
+    std::string errors() { return readFile(streams.file("err")); }  // stderr so far
+    // Waits until the launcher and the child it forked have ended, the only writers.
     void waitForEof(int timeoutMs = 10000);
 
 private:
-    void readerLoop(int fd, std::string* sink);
-    std::string locked(const std::string& text) {
-        std::lock_guard<std::mutex> guard(lock);
-        return text;
-    }
-
+    TempDir streams;  // the files that stdout and stderr go to
     pid_t launcher = -1;
     pid_t child = -1;
     int launcherExit = -1;
     int childExit = -1;
     bool launcherDone = false;
     bool childDone = false;
-    std::mutex lock;
-    std::condition_variable changed;
-    std::string out;
-    std::string err;
-    int openStreams = 2;
-    std::thread outReader;
-    std::thread errReader;
 };
 
 // Runs a program to its end and returns its exit status (-1 on time-out) with what it
 // printed. For a program that forks, as vrec does, the status is that of the child.
 int runToEnd(const std::vector<std::string>& argv, const std::string& cwd, std::string* out,
              std::string* err = nullptr, int timeoutMs = 20000);
+
+// vrec-modemsim running in `dir`, with its record "record.txt" and control FIFO "ctl" there.
+class ModemSim {
+public:
+    ModemSim(const std::string& dir, const std::vector<std::string>& args);
+    void control(const std::string& line);  // a fault, "stats" or "quit"
+    bool fault(const std::string& spec);    // true once the simulator has taken it
+    std::string record() const { return readFile(dir + "/record.txt"); }
+    // What reached `port` ("diag", "pcui", "port"; "sim" for the module's own events) as
+    // "KIND DATA", in order, with the time of each in `times` if asked.
+    std::vector<std::string> arrived(const std::string& port,
+                                     std::vector<long>* times = nullptr) const;
+
+    const std::string dir;
+    BackgroundRun run;
+    const bool ready;
+};
 
 }  // namespace testkit
 

@@ -1,91 +1,137 @@
-// The capture check and vrec-inspect, on the real DIAG stream and on built captures.
+// The deframer and vrec-inspect's verdicts, on hand-built bytes and on captures built from
+// the simulator's stream.
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
-#include "captureCheck.h"
+#include "diagPacket.h"
 #include "hdlc.h"
 #include "seqStream.h"
 #include "testkit.h"
 
+using testkit::hex;
+using vtools::DeframeStep;
+
 namespace {
 
-const std::string kRealCapture = std::string(VREC_SHARED_DATA) + "/real-diag-lte.bin";
-
-// Exit status of vrec-inspect over `args`; what it printed goes to `out`.
-int inspect(const std::vector<std::string>& args, const std::string& cwd, std::string* out) {
-    std::vector<std::string> argv = {testkit::builtProgram("tools/vrec-inspect")};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return testkit::runToEnd(argv, cwd, out);
+std::string bytes(std::initializer_list<int> values) {
+    return std::string(values.begin(), values.end());
 }
 
-std::string simStream(uint32_t from, uint32_t to, uint32_t skip = UINT32_MAX) {
+// Every step of a whole input, fed in pieces of `piece` bytes, the rest closed at the end.
+std::vector<DeframeStep> steps(const std::string& input, size_t piece) {
+    vtools::Deframer deframer;
+    std::vector<DeframeStep> out(1);
+    for (size_t at = 0; at < input.size(); at += piece) {
+        deframer.feed(input.data() + at, std::min(piece, input.size() - at));
+        while (deframer.next(out.back())) {
+            out.emplace_back();
+        }
+    }
+    out.back() = vtools::deframe(deframer.pending().data(), deframer.pending().size(), true);
+    if (deframer.pending().empty()) {
+        out.pop_back();
+    }
+    return out;
+}
+
+std::string simStream(uint32_t from, uint32_t to) {
     std::string wire;
     for (uint32_t seq = from; seq < to; ++seq) {
-        wire += seq != skip ? vtools::frame(vtools::simLogPacket(seq)) : "";
+        wire += vtools::frame(vtools::simLogPacket(seq));
     }
     return wire;
 }
 
+const std::string kInspect = testkit::builtProgram("tools/vrec-inspect");
+
 }  // namespace
 
-TEST(Inspect, RealCaptureIsWholeInAnyPiecesAndDamageShows) {
-    if (!testkit::fileExists(kRealCapture)) {
-        GTEST_SKIP() << "no " << kRealCapture << ": the shared test data is absent";
+TEST(Framing, FramesFlagsGarbageAndDamage) {
+    // The three stop frames back to back, as a module receives them.
+    const std::string stop =
+        bytes({0x60, 0x00, 0x12, 0x6A, 0x7E, 0x73, 0, 0, 0, 0, 0, 0,    0,    0xDA,
+               0x81, 0x7E, 0x7D, 0x5D, 0x05, 0,    0, 0, 0, 0, 0, 0x74, 0x41, 0x7E});
+    std::vector<DeframeStep> got = steps(stop, stop.size());
+    ASSERT_EQ(got.size(), 3u);
+    const char* packets[] = {"60 00", "73 00 00 00 00 00 00 00", "7D 05 00 00 00 00 00 00"};
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(hex(got[i].packet), packets[i]);
+        EXPECT_TRUE(got[i].kind == DeframeStep::kFrame && got[i].fcsOk);
     }
-    std::string data = testkit::readFile(kRealCapture);
-    ASSERT_EQ(data.size(), 524026u);
-    for (size_t piece : {data.size(), size_t{2048}, size_t{7}}) {
-        vtools::CaptureCheck check;
-        for (size_t at = 0; at < data.size(); at += piece) {
-            check.feed(data.data() + at, std::min(piece, data.size() - at));
-        }
-        check.finish();
-        EXPECT_EQ(check.goodFrames, 1808u) << "pieces of " << piece;
-        EXPECT_EQ(check.badFrames + check.junkBytes + check.headBytes + check.incompleteBytes, 0u);
-        EXPECT_EQ(check.kinds.at(vtools::PacketKind::kLog), 1808u);
-        EXPECT_EQ(check.logCodes.size(), 12u);
-        EXPECT_EQ(check.logCodes.at(0xB0C0), 31u);
-        EXPECT_TRUE(check.clean(true));
+    EXPECT_EQ(got[0].used + got[1].used + got[2].used, stop.size());
+    unsigned operation = 99;
+    EXPECT_TRUE(vtools::logConfigOperation(got[1].packet, &operation));
+    EXPECT_EQ(operation, 0u);
+
+    // A frame whose packet and check bytes need escapes, cut at every possible place.
+    const std::string escaped = vtools::frame(bytes({0x7E, 0x7D, 0x10, 0x7E}));
+    for (size_t piece = 1; piece <= escaped.size(); ++piece) {
+        got = steps(escaped, piece);
+        ASSERT_EQ(got.size(), 1u) << "pieces of " << piece;
+        EXPECT_TRUE(got[0].fcsOk);
+        EXPECT_EQ(hex(got[0].packet), "7E 7D 10 7E");
     }
-    testkit::TempDir dir;
-    std::string out;
-    EXPECT_EQ(inspect({kRealCapture}, dir.path(), &out), 0) << out;
-    EXPECT_NE(out.find("frames: 1808 good, 0 bad check sequence"), std::string::npos) << out;
-    EXPECT_NE(out.find("log 0xB193: 1091"), std::string::npos) << out;
-    EXPECT_NE(out.find("verdict: whole"), std::string::npos);
-    // One byte changed in the middle: one frame fails its check, the rest stand.
-    data[data.size() / 2] ^= 0x40;
-    testkit::writeFile(dir.file("damaged.bin"), data);
-    EXPECT_EQ(inspect({dir.file("damaged.bin")}, dir.path(), &out), 1);
-    EXPECT_NE(out.find("1 frames with a bad check sequence"), std::string::npos) << out;
+
+    // Runs of flags and a stray pair of bytes are outside frames; the frame after them stands.
+    const std::string good = bytes({0x1D, 0x1C, 0x3B, 0x7E});
+    got = steps(bytes({0x7E, 0x7E, 0x41, 0x42, 0x7E}) + good, 3);
+    ASSERT_EQ(got.size(), 4u);
+    EXPECT_TRUE(got[0].kind == DeframeStep::kJunk && got[2].kind == DeframeStep::kJunk);
+    EXPECT_EQ(got[2].used, 3u);
+    EXPECT_TRUE(got[3].kind == DeframeStep::kFrame && got[3].fcsOk);
+    // One bit off in the check sequence; an escape right before the flag; the end of input
+    // inside a frame.
+    got = steps(bytes({0x1D, 0x1C, 0x3A, 0x7E, 0x1D, 0x1C, 0x3B, 0x7D, 0x7E, 0x4B, 0x13}), 64);
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_TRUE(got[0].kind == DeframeStep::kFrame && !got[0].fcsOk);
+    EXPECT_EQ(got[0].fcsReceived, 0x3A1C);
+    EXPECT_FALSE(got[1].fcsOk);
+    EXPECT_TRUE(got[2].kind == DeframeStep::kIncomplete && got[2].used == 2u);
+    // A flagless run longer than any frame is given up.
+    const std::string flood(vtools::kMaxWireFrame + 1, 'x');
+    EXPECT_EQ(vtools::deframe(flood.data(), flood.size()).kind, DeframeStep::kJunk);
+    EXPECT_EQ(vtools::deframe(flood.data(), 100).kind, DeframeStep::kNeedMore);
 }
 
-TEST(Inspect, SequenceGapsAndItemBoundaries) {
+TEST(Inspect, VerdictsOnDamagedGappedAndReorderedStreams) {
     testkit::TempDir dir;
-    // A stream cut into items mid-frame, named as a capture names them, given out of order.
-    const std::string whole = simStream(40, 400);
-    testkit::writeFile(dir.file("real_logitem_9_x.bin"), whole.substr(0, 1001));
-    testkit::writeFile(dir.file("real_logitem_10_x.bin"), whole.substr(1001, 5000));
-    testkit::writeFile(dir.file("real_log.bin"), whole.substr(6001));
+    // A body altered before framing passes the check sequence; only the stream shows it, and
+    // the packet's own number is not trusted, so it shows as missing as well.
+    std::string altered = vtools::simLogPacket(3);
+    altered[altered.size() - 3] ^= 1;
+    std::string flipped = simStream(0, 9);
+    flipped[flipped.size() / 2] ^= 0x01;
+    const std::string kinds = vtools::frame("\x4B\x13") + vtools::frame("\x60\x01") +
+                              vtools::frame(std::string("\x79\0", 2)) + simStream(0, 2);
+    const struct {
+        std::string content;
+        int status;
+        const char* says;
+    } rows[] = {
+        {kinds, 0, "packets: log 2, event 1, message 1, response 1\n  log 0x1F5A: 2\n"},
+        {simStream(0, 57) + simStream(58, 100), 1,
+         "sequence: 99 packets, first 0, last 99, missing 1 in 1 gaps, out of order 0, damaged 0"},
+        {simStream(0, 3) + simStream(4, 5) + simStream(3, 4) + simStream(5, 8), 1,
+         "missing 1 in 1 gaps, out of order 1, damaged 0"},
+        {simStream(0, 3) + vtools::frame(altered) + simStream(4, 6), 1,
+         "first 0, last 5, missing 1 in 1 gaps, out of order 0, damaged 1"},
+        {flipped, 1, "frames: 8 good, 1 bad check sequence"},
+        {simStream(0, 5) + "\x7E\x7E" + simStream(5, 9), 1, "bytes outside frames: 2\n"},
+    };
     std::string out;
-    EXPECT_EQ(inspect({"real_log.bin", "real_logitem_10_x.bin", "real_logitem_9_x.bin"}, dir.path(),
-                      &out),
-              0)
-        << out;
-    EXPECT_NE(out.find("sequence: 360 packets, first 40, last 399, missing 0"), std::string::npos)
-        << out;
-    // Checked one by one, the cuts show as a frame cut at an end, which only --strict counts.
-    EXPECT_EQ(inspect({"--each", "real_logitem_10_x.bin"}, dir.path(), &out), 0) << out;
+    for (const auto& row : rows) {
+        testkit::writeFile(dir.file("capture.bin"), row.content);
+        EXPECT_EQ(row.status, testkit::runToEnd({kInspect, "capture.bin"}, dir.path(), &out))
+            << out;
+        EXPECT_NE(out.find(row.says), std::string::npos) << row.says << "\n" << out;
+    }
+    // A file cut at both ends mid-frame, as an item is: only --strict counts the cuts.
+    testkit::writeFile(dir.file("cut.bin"), simStream(40, 400).substr(1001, 5000));
+    EXPECT_EQ(0, testkit::runToEnd({kInspect, "--each", "cut.bin"}, dir.path(), &out)) << out;
     EXPECT_NE(out.find("cut frame at the start"), std::string::npos) << out;
-    EXPECT_EQ(inspect({"--each", "--strict", "real_log.bin"}, dir.path(), &out), 1);
-
-    testkit::writeFile(dir.file("gap.bin"), simStream(0, 100, 57));
-    EXPECT_EQ(inspect({"gap.bin"}, dir.path(), &out), 1);
-    EXPECT_NE(out.find("1 sequence numbers missing in 1 gaps"), std::string::npos) << out;
-    testkit::writeFile(dir.file("junk.bin"), simStream(0, 5) + "\x7E\x7E" + simStream(5, 9));
-    EXPECT_EQ(inspect({"junk.bin"}, dir.path(), &out), 1);
-    EXPECT_NE(out.find("2 bytes outside frames"), std::string::npos) << out;
-    EXPECT_EQ(inspect({"missing.bin"}, dir.path(), &out), 2);
-    EXPECT_EQ(inspect({}, dir.path(), &out), 2);
+    EXPECT_EQ(1, testkit::runToEnd({kInspect, "--strict", "cut.bin"}, dir.path(), &out)) << out;
+    EXPECT_EQ(2, testkit::runToEnd({kInspect, "missing.bin"}, dir.path(), &out));
+    EXPECT_EQ(2, testkit::runToEnd({kInspect}, dir.path(), &out));
 }
