@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -258,7 +259,10 @@ TEST(Capture, LogHoldsExactlyWhatTheModuleSent) {
         SCOPED_TRACE(c.name);
         const bool replaying = c.simArgs[0] == "--replay";
         if (replaying && !testkit::fileExists(replay)) {
-            GTEST_SKIP() << replay << " is absent: the real Diag stream cannot be replayed";
+            // The other cases still count; only the replay is left out, and says so.
+            printf("[  SKIPPED ] %s is absent: the real Diag stream is not replayed\n",
+                   replay.c_str());
+            continue;
         }
         Sim sim(c.simArgs);
         Vrec vrec(sim.path(), {"-d", "./diag"});
