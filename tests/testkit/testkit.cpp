@@ -347,9 +347,9 @@ void ModemSim::control(const std::string& line) {
     close(fd);
 }
 
-bool ModemSim::fault(const std::string& spec) {
-    control(spec);
-    return waitFor([&] { return record().find("fault " + spec) != std::string::npos; });
+bool ModemSim::fault(const std::string& text) {
+    control(text);
+    return waitFor([&] { return record().find("fault " + text) != std::string::npos; });
 }
 
 std::vector<std::string> ModemSim::arrived(const std::string& port,

@@ -127,7 +127,7 @@ class ModemSim {
 public:
     ModemSim(const std::string& dir, const std::vector<std::string>& args);
     void control(const std::string& line);  // a fault, "stats" or "quit"
-    bool fault(const std::string& spec);    // true once the simulator has taken it
+    bool fault(const std::string& text);    // true once the simulator has taken it
     std::string record() const { return readFile(dir + "/record.txt"); }
     // What reached `port` ("diag", "pcui", "port"; "sim" for the module's own events) as
     // "KIND DATA", in order, with the time of each in `times` if asked.

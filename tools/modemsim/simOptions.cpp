@@ -24,12 +24,12 @@ bool isPortName(const std::string& name) {
 
 }  // namespace
 
-bool parseFault(const std::string& spec, Fault* fault, std::string* error) {
+bool parseFault(const std::string& text, Fault* fault, std::string* error) {
     *fault = Fault();
-    fault->spec = spec;
-    const size_t equals = spec.find('=');
-    const std::string name = spec.substr(0, equals);
-    std::string value = equals == std::string::npos ? "" : spec.substr(equals + 1);
+    fault->given = text;
+    const size_t equals = text.find('=');
+    const std::string name = text.substr(0, equals);
+    std::string value = equals == std::string::npos ? "" : text.substr(equals + 1);
     if (name == "error" || name == "unsolicited") {
         fault->kind = name == "error" ? Fault::kError : Fault::kUnsolicited;
         fault->text = value;
@@ -39,7 +39,7 @@ bool parseFault(const std::string& spec, Fault* fault, std::string* error) {
     const size_t at = value.find('@');
     if (at != std::string::npos) {
         if (!parseNumber(value.substr(at + 1), &fault->afterMs)) {
-            *error = "bad delay in fault " + spec;
+            *error = "bad delay in fault " + text;
             return false;
         }
         value.erase(at);
@@ -54,7 +54,7 @@ bool parseFault(const std::string& spec, Fault* fault, std::string* error) {
         }
         if (!isPortName(fault->port) ||
             (colon != std::string::npos && !parseNumber(value.substr(colon + 1), &fault->value))) {
-            *error = "bad fault " + spec + " (hangup=diag|pcui|port|all[:MS])";
+            *error = "bad fault " + text + " (hangup=diag|pcui|port|all[:MS])";
             return false;
         }
         return true;
@@ -63,7 +63,7 @@ bool parseFault(const std::string& spec, Fault* fault, std::string* error) {
         fault->kind = Fault::kSilent;
         fault->port = value.empty() ? "all" : value;
         if (!isPortName(fault->port) && fault->port != "off") {
-            *error = "bad fault " + spec + " (silent[=diag|pcui|port|all|off])";
+            *error = "bad fault " + text + " (silent[=diag|pcui|port|all|off])";
             return false;
         }
         return true;
@@ -71,12 +71,12 @@ bool parseFault(const std::string& spec, Fault* fault, std::string* error) {
     if (name == "split" || name == "rsfr-stop") {
         fault->kind = name == "split" ? Fault::kSplit : Fault::kStopTransfer;
         if (!parseNumber(value, &fault->value)) {
-            *error = "bad fault " + spec + " (" + name + "=N)";
+            *error = "bad fault " + text + " (" + name + "=N)";
             return false;
         }
         return true;
     }
-    *error = "unknown fault " + spec;
+    *error = "unknown fault " + text;
     return false;
 }
 
@@ -111,7 +111,7 @@ const char* simUsage() {
            "                         frame, badfcs, junk (hex), tunnel (ID TEXT), badtunnel,\n"
            "                         text, at (escaped text) or event (words)\n"
            "  --control PATH         FIFO that takes lines: a fault, \"stats\" or \"quit\"\n"
-           "  --fault SPEC           hangup=PORT[:MS]  close PORT (diag|pcui|port|all) and make\n"
+           "  --fault FAULT          hangup=PORT[:MS]  close PORT (diag|pcui|port|all) and make\n"
            "                                           it again after MS (default 1000)\n"
            "                         silent[=PORT|off] read but send nothing\n"
            "                         error=CMD         answer ERROR to AT+CMD..., e.g. ^MDSL\n"

@@ -24,12 +24,12 @@ struct Fault {
     std::string text;
     long value = 0;
     long afterMs = 0;  // "@MS": from the command line, the fault waits this long
-    std::string spec;  // as given, for the record
+    std::string given;  // as given, for the record
 };
 
 // Parses "hangup=diag:500@2000", "silent", "silent=pcui", "silent=off", "error=^MDSL",
 // "split=3", "unsolicited=^BOOT: 1", "rsfr-stop=2". False with a message for anything else.
-bool parseFault(const std::string& spec, Fault* fault, std::string* error);
+bool parseFault(const std::string& text, Fault* fault, std::string* error);
 
 struct SimOptions {
     std::string diagLink;

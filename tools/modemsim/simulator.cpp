@@ -517,7 +517,7 @@ void Simulator::reopen(Port& port) {
 }
 
 void Simulator::applyFault(const Fault& fault) {
-    event("fault " + fault.spec);
+    event("fault " + fault.given);
     switch (fault.kind) {
         case Fault::kHangup:
             for (auto& port : ports) {
