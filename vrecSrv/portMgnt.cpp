@@ -93,15 +93,18 @@ bool PortMgnt::getPorts(std::list<std::string>& ports) {
     return true;
 }
 
-std::string PortMgnt::getDiagPortName() {
-    DIAG_TRACE();
+std::list<std::string> PortMgnt::discoveredPorts() {
     std::list<std::string> ports;
     getPorts(ports);
     if (ports.empty()) {
         DIAG_LOG(LOG_INFO, "Did not find any port!");
-        return std::string();
     }
-    for (const std::string& name : ports) {
+    return ports;
+}
+
+std::string PortMgnt::getDiagPortName() {
+    DIAG_TRACE();
+    for (const std::string& name : discoveredPorts()) {
         if (isDiagPort(name)) {
             return name;
         }
@@ -111,14 +114,8 @@ std::string PortMgnt::getDiagPortName() {
 
 std::string PortMgnt::getPcuiPortName() {
     DIAG_TRACE();
-    std::list<std::string> ports;
-    getPorts(ports);
-    if (ports.empty()) {
-        DIAG_LOG(LOG_INFO, "Did not find any port!");
-        return std::string();
-    }
     std::string chosen;
-    for (const std::string& name : ports) {
+    for (const std::string& name : discoveredPorts()) {
         if (isPcuiPort(name)) {
             chosen = name;
         }

@@ -61,6 +61,8 @@ private:
     PortMgnt();
 
     int typeOf(const std::string& name);
+    // A fresh walk of sysfs, with its log line when nothing was found.
+    std::list<std::string> discoveredPorts();
     bool openInto(const std::string& name, int& handle);
     int regain(int& handle, const std::string& storedName, std::string (PortMgnt::*find)(),
                const char* side);
