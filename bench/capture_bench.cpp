@@ -213,19 +213,26 @@ long peakKiB(pid_t pid) {
     return at == std::string::npos ? -1 : strtol(status.c_str() + at + 6, nullptr, 10);
 }
 
-// A plain copy: a read loop with large reads from `port` into a file, `bytes` long, after
-// the start request.
-double plainCopy(const std::string& dir, const std::string& port, uint64_t bytes) {
+// Opens `port` raw for a plain copy, asks for the stream, and opens the copy's file.
+int openCopy(const std::string& dir, const std::string& port, int* out) {
     const int fd = open(port.c_str(), O_RDWR | O_NOCTTY);
     termios tio{};
     tcgetattr(fd, &tio);
     cfmakeraw(&tio);
     tcsetattr(fd, TCSANOW, &tio);
-    const int out = open((dir + "/copy.bin").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    *out = open((dir + "/copy.bin").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     const std::string start = vtools::frame(kStartRequest);
     if (write(fd, start.data(), start.size()) != static_cast<ssize_t>(start.size())) {
         perror("write");
     }
+    return fd;
+}
+
+// A plain copy: a read loop with large reads from `port` into a file, `bytes` long, after
+// the start request.
+double plainCopy(const std::string& dir, const std::string& port, uint64_t bytes) {
+    int out = -1;
+    const int fd = openCopy(dir, port, &out);
     std::vector<char> buffer(1 << 20);
     uint64_t got = 0;
     Clock::time_point first;
@@ -301,16 +308,8 @@ Capture vrecCapture(const std::string& dir, const std::string& port, uint64_t by
 // A plain copy for the drop sweep: reads `port` into a file until the simulator's stream
 // has stopped and the port is quiet.
 void copyUntilQuiet(const std::string& dir, const std::string& port) {
-    const int fd = open(port.c_str(), O_RDWR | O_NOCTTY);
-    termios tio{};
-    tcgetattr(fd, &tio);
-    cfmakeraw(&tio);
-    tcsetattr(fd, TCSANOW, &tio);
-    const int out = open((dir + "/copy.bin").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const std::string start = vtools::frame(kStartRequest);
-    if (write(fd, start.data(), start.size()) != static_cast<ssize_t>(start.size())) {
-        perror("write");
-    }
+    int out = -1;
+    const int fd = openCopy(dir, port, &out);
     std::vector<char> buffer(1 << 20);
     const auto begun = Clock::now();
     for (;;) {

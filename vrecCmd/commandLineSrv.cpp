@@ -19,6 +19,7 @@
 #include "diagImpl.h"
 #include "diagLog.h"
 #include "portMgnt.h"
+#include "textUtil.h"
 
 namespace {
 
@@ -81,16 +82,6 @@ std::unique_ptr<LogInterface> makeDefaultImpl(const CaptureOptions& options) {
 }
 
 int32_t toInt(const char* text) { return static_cast<int32_t>(strtol(text, nullptr, 10)); }
-
-std::string lowerCase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-bool startsWith(const std::string& text, const char* prefix) {
-    return text.compare(0, strlen(prefix), prefix) == 0;
-}
 
 // Whether the run stays alive after a successful start: a real-time capture and an
 // export do; settings that the module carries out alone end the run.
@@ -268,7 +259,7 @@ void CommandLineSrv::applyOption(int option, const char* argument) {
 void CommandLineSrv::applyFileOption(const char* name) {
     options.mode = CAPTURE_MDON;
     options.fileName = name;
-    const std::string lower = lowerCase(name);
+    const std::string lower = toLowerCase(name);
     if (startsWith(lower, "dump")) {
         options.state = 6;
         consolePrint("INFO: Dump file %s request\n", lower.c_str());

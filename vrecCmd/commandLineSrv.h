@@ -30,8 +30,6 @@ public:
     void showUsage();
     void sendCommand(const char* text);
 
-    const CaptureOptions& getOptions() const { return options; }
-
 protected:
     void OnReceive(const sockaddr_in* from, const char* data, int length) override;
 

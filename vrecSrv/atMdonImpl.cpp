@@ -17,6 +17,7 @@
 #include "fileSystem.h"
 #include "logConfigDocument.h"
 #include "portMgnt.h"
+#include "textUtil.h"
 
 namespace {
 
@@ -29,16 +30,6 @@ const char* const kConfigName = "logconfig.xml";
 constexpr int kConfigFieldThree = 123;
 // Room the upload command needs besides the Base64 of its piece.
 constexpr int kUploadCommandOverhead = 60;
-
-std::string lowerCase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-bool startsWith(const std::string& text, const char* prefix) {
-    return text.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
-}
 
 // A number as the module writes it: 0x for hexadecimal, a leading 0 for octal.
 long long moduleNumber(const std::string& text) { return strtoll(text.c_str(), nullptr, 0); }
@@ -171,7 +162,7 @@ bool AtMdonImpl::startLog(const CaptureOptions& options) {
         return true;
     }
     if (state >= 5 && state <= 7) {
-        const std::string lowerName = lowerCase(options.fileName);
+        const std::string lowerName = toLowerCase(options.fileName);
         m_subUnit = options.subUnit;
         if (state == 5) {
             m_fileName = options.fileName;
@@ -394,10 +385,10 @@ void AtMdonImpl::threadExportFiles() {
     std::list<std::string> files;
     const bool listed = queryUEFiles(files);
     bool tried = false;
-    const std::string wanted = lowerCase(m_fileName);
+    const std::string wanted = toLowerCase(m_fileName);
     for (const std::string& name : listed ? files : std::list<std::string>()) {
         DIAG_LOG(LOG_INFO, "Checking... %s", name.c_str());
-        const std::string lower = lowerCase(name);
+        const std::string lower = toLowerCase(name);
         const bool named = (m_exportMask & EXPORT_NAMED) && lower == wanted;
         const char* kind = nullptr;
         if ((startsWith(lower, "logsave") && (m_exportMask & EXPORT_LOGS)) || named) {
@@ -448,7 +439,7 @@ bool AtMdonImpl::exportSingleFile(const std::string& path, const std::string& na
     if (dir.empty()) {
         return false;
     }
-    const std::string filePath = dir + "/" + lowerCase(name) + unit;
+    const std::string filePath = dir + "/" + toLowerCase(name) + unit;
     DIAG_LOG(LOG_INFO, "create file %s.", filePath.c_str());
     CFile file(filePath);
     if (!file.Open("wb")) {

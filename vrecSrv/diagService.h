@@ -68,14 +68,6 @@ public:
 
     std::string nextLogItemName(const std::string& dir);
 
-    // For tests and reports.
-    bool isRunning() const { return running; }
-    uint32_t getReportStep() const { return reportStep; }
-    bool isReportEnabled() const { return reportEnabled; }
-    uint64_t getMaxTotalBytes() const { return maxTotalBytes; }
-    uint64_t getCycleLimitBytes() const { return cycleLimitBytes; }
-    int getChipType() const { return chipType; }
-
 private:
     DiagService();
 
