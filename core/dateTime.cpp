@@ -2,10 +2,24 @@
 
 #include <time.h>
 
+#include <cstdio>
+
 uint64_t GetTickMs() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec / 1000000);
+}
+
+std::string ClockText(uint64_t ms) {
+    const time_t seconds = static_cast<time_t>(ms / 1000);
+    tm local{};
+    if (localtime_r(&seconds, &local) == nullptr) {
+        return "??:??:??";
+    }
+    char text[16];
+    snprintf(text, sizeof(text), "%02d:%02d:%02d.%03u", local.tm_hour, local.tm_min,
+             local.tm_sec, static_cast<unsigned>(ms % 1000));
+    return text;
 }
 
 CDateTime::CDateTime() {

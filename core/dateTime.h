@@ -2,9 +2,12 @@
 #define VREC_CORE_DATETIME_H
 
 #include <cstdint>
+#include <string>
 
 // Wall-clock milliseconds since the epoch (not monotonic).
 uint64_t GetTickMs();
+// The local time of day of a GetTickMs() value, as "HH:MM:SS.mmm".
+std::string ClockText(uint64_t ms);
 
 // A snapshot of local time, taken at construction.
 class CDateTime {

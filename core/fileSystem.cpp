@@ -1,7 +1,10 @@
 #include "fileSystem.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <algorithm>
 
@@ -42,6 +45,39 @@ bool CFile::Rename(const std::string& newPath) const {
 }
 
 bool CFile::Remove() const { return remove(path.c_str()) == 0; }
+
+bool CRawFile::Open(const std::string& filePath, bool append) {
+    Close();
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
+    fd = open(filePath.c_str(), flags, 0666);
+    lastError = fd == -1 ? errno : 0;
+    return fd != -1;
+}
+
+ssize_t CRawFile::WriteV(const iovec* parts, int count) {
+    if (fd == -1) {
+        lastError = EBADF;
+        return -1;
+    }
+    ssize_t written;
+    do {
+        written = writev(fd, parts, count);
+    } while (written < 0 && errno == EINTR);
+    lastError = written < 0 ? errno : 0;
+    return written;
+}
+
+bool CRawFile::Close() {
+    if (fd == -1) {
+        return true;
+    }
+    const bool closed = close(fd) == 0;
+    if (!closed) {
+        lastError = errno;
+    }
+    fd = -1;
+    return closed;
+}
 
 CDirectory::CDirectory() : path(GetCurrentDir()) {}
 

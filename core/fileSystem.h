@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <string>
 
+#include <sys/types.h>
+#include <sys/uio.h>
+
 // A file with a name. The object owns its stream but does not close it when destroyed:
 // the owner calls Close(), and a capture checks its result.
 class CFile {
@@ -34,6 +37,29 @@ public:
 private:
     std::string path;
     FILE* stream = nullptr;
+};
+
+// A file written with plain write(2) calls: what the caller hands over is in the kernel when
+// the call returns, with no stream buffer in between. Closed when destroyed.
+class CRawFile {
+public:
+    CRawFile() = default;
+    ~CRawFile() { Close(); }
+    CRawFile(const CRawFile&) = delete;
+    CRawFile& operator=(const CRawFile&) = delete;
+
+    // Creates the file, or empties it unless `append` is set. False with LastError() set.
+    bool Open(const std::string& path, bool append);
+    bool IsOpen() const { return fd != -1; }
+    // One writev(2): the bytes written, or -1 with LastError() set. An interrupted call is
+    // repeated.
+    ssize_t WriteV(const iovec* parts, int count);
+    bool Close();
+    int LastError() const { return lastError; }
+
+private:
+    int fd = -1;
+    int lastError = 0;
 };
 
 // A directory. Relative paths (empty, or starting with ".") are taken under the

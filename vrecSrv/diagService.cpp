@@ -18,12 +18,9 @@
 namespace {
 
 DiagService* g_diagService = nullptr;
-// Numbers the log items of the whole process.
-int g_itemCounter = 0;
 
 const char* const kStartCmdFile = "startcmd.txt";
 const char* const kStopCmdFile = "stopcmd.txt";
-const char* const kRealLogFile = "real_log.bin";
 
 const char* const kImcTraceOn = ".trace-on4FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF.\r\n";
 const char* const kImcAtTraceOn = "at+trace=1\r\n";
@@ -49,27 +46,24 @@ DiagService::DiagService() = default;
 
 DiagService::~DiagService() {
     DIAG_TRACE();
-    running = false;
-    wakeup.Signal();
-    readThread.WaitOrKill();
-    closeLogFile();
+    stopThreads();
 }
 
 void DiagService::setTotalSize(uint32_t megabytes) {
-    maxTotalBytes = static_cast<uint64_t>(megabytes) << 20;
+    limits.totalBytes = static_cast<uint64_t>(megabytes) << 20;
     DIAG_LOG(LOG_INFO, "the max log size is set to %llu",
-             static_cast<unsigned long long>(maxTotalBytes));
+             static_cast<unsigned long long>(limits.totalBytes));
 }
 
 void DiagService::setCycleSize(uint32_t megabytes) {
-    cycleLimitBytes = static_cast<uint64_t>(megabytes) << 20;
+    limits.cycleBytes = static_cast<uint64_t>(megabytes) << 20;
     DIAG_LOG(LOG_INFO, "the log cycle size is set to %llu",
-             static_cast<unsigned long long>(cycleLimitBytes));
+             static_cast<unsigned long long>(limits.cycleBytes));
 }
 
 void DiagService::setReport(bool enabled, uint32_t step) {
-    reportEnabled = enabled;
-    reportStep = step == 1 ? 1024000 : step;
+    limits.reportEnabled = enabled;
+    limits.reportStep = step == 1 ? 1024000 : step;
 }
 
 bool DiagService::beginReadDiag(int port, const std::string& path) {
@@ -85,38 +79,64 @@ bool DiagService::beginReadDiag(int port, const std::string& path) {
 }
 
 bool DiagService::startReadThread() {
-    running = true;
-    {
-        std::lock_guard<std::mutex> lock(nameLock);
-        setupFinished = false;
-    }
-    if (!readThread.IsRunning()) {
-        readThread.Bind(&DiagService::readPort, this);
-    }
-    if (readThread.Start() != 0) {
+    if (readThread.IsRunning() || writeThread.IsRunning()) {
         DIAG_LOG(LOG_INFO, "create read thread failed.");
         return false;
     }
+    running = true;
+    readerDone = false;
+    writerDone = false;
     {
-        // The reader names its first file during set-up; the start line shows that name.
-        std::unique_lock<std::mutex> lock(nameLock);
+        std::lock_guard<std::mutex> lock(setupLock);
+        setupFinished = false;
+    }
+    if (!ring) {
+        ring = std::make_unique<CaptureRing>(kQueueBytes);
+    }
+    readThread.Bind(&DiagService::readPort, this);
+    writeThread.Bind(&DiagService::writeLog, this);
+    commandThread.Bind(&DiagService::resendStartCmds, this);
+    // The reader first: it reads from the moment the port is open, while the writer is
+    // still making the log file.
+    if (readThread.Start() != 0 || writeThread.Start() != 0 || commandThread.Start() != 0) {
+        DIAG_LOG(LOG_INFO, "create read thread failed.");
+        stopThreads();
+        return false;
+    }
+    {
+        // The writer names its first file during set-up; the start line shows that name.
+        std::unique_lock<std::mutex> lock(setupLock);
         setupDone.wait_for(lock, std::chrono::microseconds(kStartSettleUs) * 30,
                            [this] { return setupFinished; });
     }
     consolePrint("%sINFO: now start saving log file %s...\n", kLineClear,
-                 getCurrentLogName().c_str());
+                 store.currentName().c_str());
     DIAG_LOG(LOG_INFO, "create read thread succeed.");
     return true;
 }
 
 bool DiagService::stopReadDiag() {
-    if (!running) {
+    if (!running && !readThread.IsRunning() && !writeThread.IsRunning()) {
         return true;
     }
-    running = false;
+    stopThreads();
+    return true;
+}
+
+void DiagService::stopThreads() {
+    {
+        std::lock_guard<std::mutex> lock(commandLock);
+        running = false;
+    }
+    commandWake.notify_all();
     wakeup.Signal();
     readThread.WaitOrKill();
-    return true;
+    // The writer stores everything the reader queued before it ends.
+    if (ring) {
+        ring->wakeWriter();
+    }
+    writeThread.WaitOrKill();
+    commandThread.WaitOrKill();
 }
 
 bool DiagService::sendSingleCmd(const unsigned char* bytes, int length, int selector) {
@@ -151,6 +171,8 @@ void DiagService::sendStartCmds() { sendCmdsFromFileOrTable(kStartCmdFile, true)
 
 void DiagService::sendStopCmds() {
     stopRequested = true;
+    // Everything read so far reaches the file before the module is told to stop.
+    waitUntilStored(bytesQueued, kStopStoreWaitMs);
     std::lock_guard<std::mutex> lock(sendLock);
     sendCmdsFromFileOrTable(kStopCmdFile, false);
 }
@@ -174,14 +196,20 @@ void DiagService::sendCmdsFromFileOrTable(const char* fileName, bool start) {
     }
 }
 
+bool DiagService::startSetGoesOn(unsigned generation) const {
+    // A capture that is being stopped gets no more start frames: one after the stop set
+    // would leave the module logging. A port that went away takes no more frames either;
+    // the set starts again from its first frame once the port is back.
+    return !stopRequested && running && generation == portGeneration;
+}
+
 void DiagService::sendQualcommStartDiagCmds() {
     const FrameTable& table = kQualcommStartFrames;
+    const unsigned generation = portGeneration;
     for (int i = 0; i < table.count; ++i) {
         {
-            // A capture that is being stopped gets no more start frames: one after the stop
-            // set would leave the module logging.
             std::lock_guard<std::mutex> lock(sendLock);
-            if (stopRequested || !running) {
+            if (!startSetGoesOn(generation)) {
                 break;
             }
             if (!sendSingleCmd(table.frame(i), table.length(i), PORT_DIAG)) {
@@ -280,7 +308,18 @@ bool DiagService::tokensToBytes(const std::vector<std::string>& tokens, unsigned
 bool DiagService::sendGroupCmds(const std::map<int, std::vector<std::string>>& groups,
                                 int selector) {
     DIAG_LOG(LOG_INFO, "send group cmd begin.cmd items count: %d", static_cast<int>(groups.size()));
+    const unsigned generation = portGeneration;
+    const bool stopSet = stopRequested;
     for (const auto& group : groups) {
+        // The stop set holds the send lock for all its commands; a start set takes it per
+        // command, so that a stop or a regain can come in between.
+        std::unique_lock<std::mutex> lock(sendLock, std::defer_lock);
+        if (!stopSet) {
+            lock.lock();
+            if (!startSetGoesOn(generation)) {
+                break;
+            }
+        }
         std::vector<unsigned char> bytes(group.second.size());
         tokensToBytes(group.second, bytes.data());
         const int length = static_cast<int>(bytes.size());
@@ -291,198 +330,4 @@ bool DiagService::sendGroupCmds(const std::map<int, std::vector<std::string>>& g
         }
     }
     return true;
-}
-
-void DiagService::setCurrentLogName(const std::string& name) {
-    std::lock_guard<std::mutex> lock(nameLock);
-    currentLogName = name;
-}
-
-std::string DiagService::getCurrentLogName() {
-    std::lock_guard<std::mutex> lock(nameLock);
-    return currentLogName;
-}
-
-std::string DiagService::nextLogItemName(const std::string& dir) {
-    const std::string unnumbered = dir + "/real_logitem_" + logTimeSuffix() + ".bin";
-    if (CFile::Exists(unnumbered)) {
-        CFile(unnumbered).Remove();
-        consolePrint("%sWARNING: log file %s exists, deleting...\n", kLineClear,
-                     unnumbered.c_str());
-    }
-    return dir + "/real_logitem_" + std::to_string(g_itemCounter++) + logTimeSuffix() + ".bin";
-}
-
-bool DiagService::prepareLogFile() {
-    logDir = savePath.empty() ? CDirectory::GetCurrentDir() : savePath;
-    if (!overwrite) {
-        // A name already taken is not replaced: the next candidate lies inside it.
-        do {
-            logDir += "/vrec_files" + logTimeSuffix();
-        } while (CDirectory::Exists(logDir));
-        if (!CDirectory::Create(logDir)) {
-            consolePrint("ERROR: can't create directory for log output!\n");
-            DIAG_LOG(LOG_ERRO, "can't create directory for log output!");
-            return false;
-        }
-    }
-    realLogName = logDir + "/" + kRealLogFile;
-    setCurrentLogName(cycleLimitBytes == 0 ? realLogName : nextLogItemName(logDir));
-    logFile = std::make_unique<CFile>(realLogName);
-    if (!logFile->Open("wb")) {
-        DIAG_LOG(LOG_INFO, "create file %s failed.", getCurrentLogName().c_str());
-        logFile.reset();
-        return false;
-    }
-    DIAG_LOG(LOG_INFO, "Saving log file %s...", getCurrentLogName().c_str());
-    rememberItem(getCurrentLogName());
-    return true;
-}
-
-void DiagService::closeLogFile() {
-    if (logFile) {
-        logFile->Close();
-        logFile.reset();
-    }
-}
-
-bool DiagService::rotate(RotationCause cause) {
-    logFile->Close();
-    const std::string finished = getCurrentLogName();
-    // Where the finished item cannot take its name, the file in progress goes on from its
-    // end rather than being emptied, so that no captured byte is lost.
-    const bool renamed = logFile->Rename(finished);
-    if (!renamed) {
-        DIAG_LOG(LOG_ERRO, "rename %s to %s failed: %s", realLogName.c_str(), finished.c_str(),
-                 strerror(errno));
-    }
-    logFile.reset();
-    setCurrentLogName(nextLogItemName(logDir));
-    const std::string name = getCurrentLogName();
-    logFile = std::make_unique<CFile>(realLogName);
-    if (!logFile->Open(renamed ? "wb" : "ab")) {
-        DIAG_LOG(LOG_INFO, "create file %s failed.", name.c_str());
-        logFile.reset();
-        return false;
-    }
-    rememberItem(name);
-    cycleBytes = 0;
-    if (cause == RotationCause::TotalLimit) {
-        DIAG_LOG(LOG_INFO, "Start a new cycle log file %s...", name.c_str());
-        consolePrint("%s\rINFO: start a new cycle log file item %s...\n", kLineClear, name.c_str());
-    } else {
-        DIAG_LOG(LOG_INFO, "Start a new log file %s...", name.c_str());
-        consolePrint("%s\rINFO: start a new log file item %s...\n", kLineClear, name.c_str());
-    }
-    return true;
-}
-
-void DiagService::rememberItem(const std::string& name) {
-    // The names serve only the deletion of the oldest item at the total limit; without a
-    // limit they are not kept, so a long capture with cycles does not grow in memory.
-    if (maxTotalBytes != 0) {
-        logItems.push_back(name);
-    }
-}
-
-DiagService::ChunkResult DiagService::takeChunk(const char* data, int count,
-                                                uint64_t& lastReported) {
-    totalBytes += static_cast<uint64_t>(count);
-    cycleBytes += static_cast<uint64_t>(count);
-    logFile->Write(data, static_cast<size_t>(count));
-    // Every chunk is on disk before the next read; a failed flush is a full medium.
-    if (logFile->Flush() != 0) {
-        consolePrint("%s\rERROR: error while writing log.the storage may be full.", kLineClear);
-        running = false;
-        return ChunkResult::EndLoop;
-    }
-    if (reportEnabled && totalBytes - lastReported > reportStep) {
-        consolePrint("%s\rFrom vrec - INFO: current size of captured log is ... %llu \n",
-                     kLineClear, static_cast<unsigned long long>(totalBytes));
-        lastReported = totalBytes;
-    }
-    if (maxTotalBytes != 0 && totalBytes >= maxTotalBytes) {
-        if (cycleLimitBytes == 0) {
-            running = false;
-            consolePrint("%s\rWARNING: the max log size has reached. Now you can exit.\n",
-                         kLineClear);
-            return ChunkResult::EndLoop;
-        }
-        if (!logItems.empty()) {
-            CFile(logItems.front()).Remove();
-            logItems.pop_front();
-        }
-        totalBytes -= cycleLimitBytes;
-        if (!rotate(RotationCause::TotalLimit)) {
-            return ChunkResult::EndThread;
-        }
-    }
-    if (cycleLimitBytes != 0 && cycleBytes >= cycleLimitBytes) {
-        if (!rotate(RotationCause::Cycle)) {
-            return ChunkResult::EndThread;
-        }
-    }
-    return ChunkResult::Continue;
-}
-
-void DiagService::pauseBeforeReconnect() {
-    // The pause ends early when the capture is being stopped.
-    if (wakeup.Fd() == -1 || OS_ADAPT_WaitReadable(wakeup.Fd(), kReconnectPauseUs / 1000) < 0) {
-        usleep(kReconnectPauseUs);
-    }
-}
-
-void DiagService::reconnect() {
-    DIAG_LOG(LOG_INFO, "read log failed.trying to reconnect...");
-    pauseBeforeReconnect();
-    if (!running || stopRequested) {
-        return;
-    }
-    diagPort = PortMgnt::getInstance()->regainDiagPort();
-    // Without a port nothing can be sent: the next read fails and the reconnect repeats,
-    // and a module gone for the night does not fill the diagnostic log with send failures.
-    if (diagPort != -1) {
-        sendStartCmds();
-    }
-}
-
-void DiagService::readPort() {
-    DIAG_TRACE();
-    wakeup.Drain();
-    const bool ready = prepareLogFile();
-    {
-        std::lock_guard<std::mutex> lock(nameLock);
-        setupFinished = true;
-    }
-    setupDone.notify_all();
-    if (!ready) {
-        return;
-    }
-    char chunk[kChunkBytes];
-    uint64_t lastReported = 0;
-    // No pause between passes: the wait blocks while the port is idle, and a pause would cap
-    // the capture below what a module sends over USB. The wait also watches the wake-up
-    // pipe, so that a stop ends the reader at once even when the module is silent.
-    while (running) {
-        const int wait = OS_ADAPT_WaitPortOrWake(diagPort, wakeup.Fd());
-        if (wait == 2) {
-            wakeup.Drain();
-            continue;
-        }
-        int count = 0;
-        if (wait == 1 &&
-            OS_ADAPT_ReadNow(diagPort, chunk, kChunkBytes, &count) == OS_ADAPT_SUCCESS) {
-            const ChunkResult result = takeChunk(chunk, count, lastReported);
-            if (result == ChunkResult::EndThread) {
-                return;
-            }
-            if (result == ChunkResult::EndLoop) {
-                break;
-            }
-        } else if (running) {
-            reconnect();
-        }
-    }
-    closeLogFile();
-    DIAG_LOG(LOG_INFO, "end while.");
 }

@@ -11,8 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "captureRing.h"
 #include "fileSystem.h"
 #include "jthread.h"
+#include "logStore.h"
 #include "serialport.h"
 
 enum ChipType { CHIP_QUALCOMM = 0, CHIP_IMC = 1 };
@@ -23,9 +25,21 @@ enum PortSelector { PORT_DIAG = 0, PORT_PCUI = 1 };
 // start and stop commands reach the port.
 class DiagService {
 public:
-    static constexpr int kChunkBytes = 2048;
+    // Reads of up to 64 KiB drain the port; a driver's buffer is emptied in few calls.
+    static constexpr int kReadBytes = 64 * 1024;
+    // What the queue between reader and writer holds: 400 ms of a USB 2.0 module.
+    static constexpr size_t kQueueBytes = 16 * 1024 * 1024;
     static constexpr useconds_t kReconnectPauseUs = 2000000;
+    // After the first pause a lost port is looked for this often, so that reading resumes
+    // soon after it is back.
+    static constexpr useconds_t kRegainRetryUs = 500000;
     static constexpr useconds_t kTableFramePauseUs = 10000;
+    // How long the stop commands wait for what was read to be stored.
+    static constexpr int kStopStoreWaitMs = 2000;
+    // A full or failing medium is tried again this often.
+    static constexpr int kStoreRetryMs = 1000;
+    // The writer is told of queued bytes once the port has been quiet this long.
+    static constexpr int kQuietMs = 2;
     static constexpr useconds_t kStartSettleUs = 30000;
 
     static DiagService* getInstance();
@@ -63,60 +77,83 @@ public:
     void sendIMCStartDiagCmds();
     bool sendIMCStopCmds();
 
-    // The reader's body.
+    // The three threads of a capture. The reader only moves bytes from the port into the
+    // queue and regains a lost port; the writer stores what is queued, in items and under
+    // the limits; the commander sends the start set again after a regain, so that the
+    // reader never stops reading for it.
     void readPort();
+    void writeLog();
+    void resendStartCmds();
 
-    std::string nextLogItemName(const std::string& dir);
+    std::string nextLogItemName(const std::string& dir) { return LogStore::nextLogItemName(dir); }
 
 private:
     DiagService();
 
-    enum class ChunkResult { Continue, EndLoop, EndThread };
-    enum class RotationCause { Cycle, TotalLimit };
-
     void sendCmdsFromFileOrTable(const char* fileName, bool start);
-    bool prepareLogFile();
-    ChunkResult takeChunk(const char* data, int count, uint64_t& lastReported);
-    void pauseBeforeReconnect();
-    void rememberItem(const std::string& name);
-    bool rotate(RotationCause cause);
+    // Reader side. The wait for the port: 1 ready, 2 woken, 0 quiet, -1 failed.
+    int waitForPort();
     void reconnect();
-    void closeLogFile();
-    void setCurrentLogName(const std::string& name);
-    std::string getCurrentLogName();
+    // False when the capture stops meanwhile.
+    bool pauseUnlessStopped(useconds_t pause);
+    // Writer side; false when the writer ends.
+    bool storeQueued(std::vector<iovec>& parts, bool draining);
+    bool onStoreFailure(bool draining);
+    // Empties the queue at the writer's end; bytes of a stop that could not be stored count
+    // as lost, bytes beyond the total limit do not.
+    void discardQueued(bool countAsLost);
+    void reportLosses(bool final);
+    void waitUntilStored(uint64_t target, int limitMs);
+    void announceSetup(bool ready);
+    // Whether a start set that began with `generation` may send its next frame.
+    bool startSetGoesOn(unsigned generation) const;
+    void stopThreads();
 
-    std::unique_ptr<CFile> logFile;
     // Written by the reader on a reconnect, read by senders on any thread.
     std::atomic<int> diagPort{-1};
     int pcuiPort = -1;
     std::atomic<bool> running{true};
     // Set when the stop commands are about to go out: no start command may follow them.
     std::atomic<bool> stopRequested{false};
-    // Serialises a start frame against the whole stop set.
+    // Counts the losses of the port, so that a start set for a port that went away ends.
+    std::atomic<unsigned> portGeneration{0};
+    // Serialises a start frame against the whole stop set and against a regain.
     std::mutex sendLock;
     std::string cmdDir;
     std::string savePath;
-    std::string logDir;  // the directory of this run's log files
-    bool reportEnabled = true;
     bool overwrite = true;
-    uint32_t reportStep = 1024000;
-    std::deque<std::string> logItems;  // oldest first; the last is the item in progress
-    std::string currentLogName;
-    std::string realLogName;
-    // Sizes in 64 bits, so that limits of 4096 MB and more and long captures do not wrap.
-    uint64_t totalBytes = 0;
-    uint64_t cycleBytes = 0;
-    uint64_t maxTotalBytes = 0;
-    uint64_t cycleLimitBytes = 0;
+    LogStore::Limits limits;
     int chipType = CHIP_QUALCOMM;
 
-    // The reader announces when its log file is set up, so that the start line can name it.
-    std::mutex nameLock;
+    std::unique_ptr<CaptureRing> ring;
+    LogStore store;
+    std::vector<char> overflow;  // where bytes go that find the queue full
+    std::atomic<uint64_t> bytesRead{0};
+    std::atomic<uint64_t> bytesQueued{0};
+    std::atomic<uint64_t> bytesTaken{0};  // queued bytes the writer stored or gave up
+    std::atomic<bool> readerDone{false};
+    std::atomic<bool> writerDone{false};
+    size_t unpublished = 0;  // reader: queued bytes the writer was not told of yet
+    // Writer: the storage refuses bytes since this wall-clock time (0: it does not).
+    uint64_t storeFailedSince = 0;
+    int stopTries = 0;
+    bool limitReached = false;
+    uint64_t bytesDiscarded = 0;
+
+    // The writer announces when its log file is set up, so that the start line can name it.
+    std::mutex setupLock;
     std::condition_variable setupDone;
     bool setupFinished = false;
+    bool setupSucceeded = false;
+    // The commander's request and the writer's pauses; both end at once on a stop.
+    std::mutex commandLock;
+    std::condition_variable commandWake;
+    bool startSetWanted = false;
     // Wakes the reader out of its wait on a silent port when the capture stops.
     CWakeup wakeup;
-    // Last, so that it is stopped before anything it uses goes away.
+    // Last, so that they are stopped before anything they use goes away.
+    JThreadT<DiagService, void> commandThread;
+    JThreadT<DiagService, void> writeThread;
     JThreadT<DiagService, void> readThread;
 };
 

@@ -139,14 +139,18 @@ int OS_ADAPT_ReadNow(int handle, void* buffer, int length, int* count) {
     return result > 0 ? OS_ADAPT_SUCCESS : OS_ADAPT_FAILED;
 }
 
-int OS_ADAPT_WaitPortOrWake(int handle, int wakeFd) {
+int OS_ADAPT_WaitPortOrWake(int handle, int wakeFd, int timeoutMs) {
     if (handle == -1) {
         return -1;
     }
     pollfd pfds[2] = {{handle, POLLIN, 0}, {wakeFd, POLLIN, 0}};
     const nfds_t count = wakeFd >= 0 ? 2 : 1;
-    if (g_calls.poll(pfds, count, -1) < 0) {
-        return -1;
+    const int ready = g_calls.poll(pfds, count, timeoutMs < 0 ? -1 : timeoutMs);
+    if (ready < 0) {
+        return errno == EINTR ? 0 : -1;
+    }
+    if (ready == 0) {
+        return 0;
     }
     if (count == 2 && pfds[1].revents != 0) {
         return 2;

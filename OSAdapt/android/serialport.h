@@ -49,9 +49,10 @@ int OS_ADAPT_WaitReadable(int handle, int timeoutMs);
 // OS_ADAPT_WaitPortOrWake): the same statuses as OS_ADAPT_Read.
 int OS_ADAPT_ReadNow(int handle, void* buffer, int length, int* count);
 
-// Waits without limit until the port has data or was hung up, or until `wakeFd` becomes
-// readable. 1: the port is ready; 2: woken; -1: a bad handle or a failed wait.
-int OS_ADAPT_WaitPortOrWake(int handle, int wakeFd);
+// Waits until the port has data or was hung up, or until `wakeFd` becomes readable, at most
+// `timeoutMs` (-1: without limit). 1: the port is ready; 2: woken; 0: the time ran out;
+// -1: a bad handle or a failed wait.
+int OS_ADAPT_WaitPortOrWake(int handle, int wakeFd, int timeoutMs = -1);
 
 // A pipe that lets one thread wake another that waits on a port, so that a stop does not
 // have to outlast a silent module.
