@@ -17,8 +17,8 @@ std::string ClockText(uint64_t ms) {
         return "??:??:??";
     }
     char text[16];
-    snprintf(text, sizeof(text), "%02d:%02d:%02d.%03u", local.tm_hour, local.tm_min,
-             local.tm_sec, static_cast<unsigned>(ms % 1000));
+    snprintf(text, sizeof(text), "%02d:%02d:%02d.%03u", local.tm_hour, local.tm_min, local.tm_sec,
+             static_cast<unsigned>(ms % 1000));
     return text;
 }
 

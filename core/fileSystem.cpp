@@ -8,7 +8,9 @@
 
 #include <algorithm>
 
-bool CFile::Exists(const std::string& filePath) { return access(filePath.c_str(), F_OK) != -1; }
+bool CFile::Exists(const std::string& filePath) {
+    return access(filePath.c_str(), F_OK) != -1;
+}
 
 bool CFile::Open(const char* mode) {
     stream = fopen(path.c_str(), mode);
@@ -44,7 +46,9 @@ bool CFile::Rename(const std::string& newPath) const {
     return rename(path.c_str(), newPath.c_str()) == 0;
 }
 
-bool CFile::Remove() const { return remove(path.c_str()) == 0; }
+bool CFile::Remove() const {
+    return remove(path.c_str()) == 0;
+}
 
 bool CRawFile::Open(const std::string& filePath, bool append) {
     Close();
@@ -98,13 +102,17 @@ std::string CDirectory::GetCurrentDir() {
     return std::string(buffer);
 }
 
-bool CDirectory::Exists() const { return access(path.c_str(), F_OK) != -1; }
+bool CDirectory::Exists() const {
+    return access(path.c_str(), F_OK) != -1;
+}
 
 bool CDirectory::Exists(const std::string& dirPath) {
     return access(NormalisePath(Resolve(dirPath)).c_str(), F_OK) != -1;
 }
 
-bool CDirectory::Create(const std::string& dirPath) { return mkdir(dirPath.c_str(), 0777) == 0; }
+bool CDirectory::Create(const std::string& dirPath) {
+    return mkdir(dirPath.c_str(), 0777) == 0;
+}
 
 std::string CDirectory::NormalisePath(const std::string& dirPath) {
     std::string copy = dirPath;

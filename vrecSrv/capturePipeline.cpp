@@ -19,10 +19,15 @@ namespace {
 enum class ReadResult { More, Drained, Failed };
 
 constexpr std::chrono::milliseconds kWriterIdleWait{200};
+// A read shorter than this is followed by a nap before the next one.
+constexpr int kSmallReadBytes = 2048;
+constexpr useconds_t kGatherNapUs = 1000;
 // A stop gives up on a failing medium after this many further tries.
 constexpr int kStopStoreTries = 2;
 
-unsigned long long ull(uint64_t value) { return static_cast<unsigned long long>(value); }
+unsigned long long ull(uint64_t value) {
+    return static_cast<unsigned long long>(value);
+}
 
 }  // namespace
 
@@ -63,6 +68,12 @@ void DiagService::readPort() {
         }
         afterWait = false;
         if (result == ReadResult::More) {
+            continue;
+        }
+        if (result == ReadResult::Drained && count > 0 && count < kSmallReadBytes) {
+            // The module sends in small packets: a short nap lets them gather, so that one
+            // read takes many. The driver's buffer holds far more than a nap's worth.
+            usleep(kGatherNapUs);
             continue;
         }
         if (result == ReadResult::Drained) {
@@ -184,9 +195,9 @@ void DiagService::writeLog() {
     for (;;) {
         // Read before looking at the queue: once the reader is done, nothing more comes.
         const bool draining = readerDone;
-        const size_t taken = ring->peek(parts, static_cast<size_t>(std::min<uint64_t>(
-                                                   store.room(), kQueueBytes)),
-                                        draining ? std::chrono::milliseconds(0) : kWriterIdleWait);
+        const size_t taken =
+            ring->peek(parts, static_cast<size_t>(std::min<uint64_t>(store.room(), kQueueBytes)),
+                       draining ? std::chrono::milliseconds(0) : kWriterIdleWait);
         if (taken > 0) {
             if (!storeQueued(parts, draining)) {
                 break;
@@ -233,6 +244,10 @@ bool DiagService::storeQueued(std::vector<iovec>& parts, bool draining) {
 }
 
 bool DiagService::onStoreFailure(bool draining) {
+    // With a total limit, the oldest item makes room before anything is given up.
+    if (store.deleteOldestItem()) {
+        return true;
+    }
     const int error = store.lastError();
     if (storeFailedSince == 0) {
         storeFailedSince = GetTickMs();
@@ -242,10 +257,6 @@ bool DiagService::onStoreFailure(bool draining) {
             "is counted, and storing is tried again every second.\n",
             ClockText(storeFailedSince).c_str(), strerror(error));
         DIAG_LOG(LOG_ERRO, "write %s failed: %s", store.currentName().c_str(), strerror(error));
-    }
-    // With a total limit, the oldest item makes room before anything is given up.
-    if (store.deleteOldestItem()) {
-        return true;
     }
     if (draining && ++stopTries > kStopStoreTries) {
         return false;

@@ -29,7 +29,9 @@ CaptureRing::~CaptureRing() {
     }
 }
 
-void CaptureRing::releaseBlock(char* data) { munmap(data, kBlockBytes); }
+void CaptureRing::releaseBlock(char* data) {
+    munmap(data, kBlockBytes);
+}
 
 CaptureRing::Block* CaptureRing::newBlockLocked() {
     if (blocks.size() >= maxBlocks) {

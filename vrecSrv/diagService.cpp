@@ -1,7 +1,7 @@
 #include "diagService.h"
 
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
@@ -167,7 +167,9 @@ bool DiagService::sendSingleCmd(const unsigned char* bytes, int length, int sele
     return false;
 }
 
-void DiagService::sendStartCmds() { sendCmdsFromFileOrTable(kStartCmdFile, true); }
+void DiagService::sendStartCmds() {
+    sendCmdsFromFileOrTable(kStartCmdFile, true);
+}
 
 void DiagService::sendStopCmds() {
     stopRequested = true;

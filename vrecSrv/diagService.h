@@ -67,7 +67,8 @@ public:
     // one command whose bytes are written as "0x" tokens.
     bool sendCmdInFile(const std::string& path, int selector);
     static bool readCmdFile(const std::string& path, std::string& text);
-    static bool getFileCmds(const std::string& text, std::map<int, std::vector<std::string>>& groups);
+    static bool getFileCmds(const std::string& text,
+                            std::map<int, std::vector<std::string>>& groups);
     static std::vector<std::string> splitHexTokens(const std::string& group);
     static bool tokensToBytes(const std::vector<std::string>& tokens, unsigned char* bytes);
     bool sendGroupCmds(const std::map<int, std::vector<std::string>>& groups, int selector);

@@ -190,7 +190,6 @@ bool LogStore::deleteOldestItem() {
 
 void LogStore::close() {
     if (file.IsOpen() && !file.Close()) {
-        DIAG_LOG(LOG_ERRO, "close %s failed: %s", realLogName.c_str(),
-                 strerror(file.LastError()));
+        DIAG_LOG(LOG_ERRO, "close %s failed: %s", realLogName.c_str(), strerror(file.LastError()));
     }
 }

@@ -10,7 +10,9 @@
 
 namespace {
 
-int sysOpen(const char* path, int flags) { return ::open(path, flags); }
+int sysOpen(const char* path, int flags) {
+    return ::open(path, flags);
+}
 
 const SerialSysCalls kRealCalls = {sysOpen, ::close, ::read, ::write, ::poll};
 SerialSysCalls g_calls = kRealCalls;
@@ -41,9 +43,13 @@ bool configureRaw(int fd) {
 
 }  // namespace
 
-SerialSysCalls& serialSysCalls() { return g_calls; }
+SerialSysCalls& serialSysCalls() {
+    return g_calls;
+}
 
-void resetSerialSysCalls() { g_calls = kRealCalls; }
+void resetSerialSysCalls() {
+    g_calls = kRealCalls;
+}
 
 int CSerialPort::Open(const char* path, int* handle) {
     if (path == nullptr || path[0] == '\0' || handle == nullptr) {
@@ -83,7 +89,8 @@ int CSerialPort::Read(int handle, void* buffer, int length, int* count) {
                 int waiting = 0;
                 result = ioctl(handle, FIONREAD, &waiting) == 0 ? waiting : -1;
             } else {
-                result = static_cast<int>(g_calls.read(handle, buffer, static_cast<size_t>(length)));
+                result =
+                    static_cast<int>(g_calls.read(handle, buffer, static_cast<size_t>(length)));
             }
         }
     }
@@ -104,9 +111,13 @@ int CSerialPort::Write(int handle, const void* buffer, int length, int* count) {
     return result > 0 ? OS_ADAPT_SUCCESS : OS_ADAPT_FAILED;
 }
 
-int OS_ADAPT_Open(const char* path, int* handle) { return serialPort().Open(path, handle); }
+int OS_ADAPT_Open(const char* path, int* handle) {
+    return serialPort().Open(path, handle);
+}
 
-int OS_ADAPT_Close(int handle) { return serialPort().Close(handle); }
+int OS_ADAPT_Close(int handle) {
+    return serialPort().Close(handle);
+}
 
 int OS_ADAPT_Read(int handle, void* buffer, int length, int* count) {
     return serialPort().Read(handle, buffer, length, count);

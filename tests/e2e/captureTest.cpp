@@ -10,14 +10,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <map>
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "diagRequests.h"
+#include "e2eKit.h"
 #include "hdlc.h"
 #include "qualcommTables.h"
 #include "seqStream.h"
@@ -25,149 +26,9 @@
 
 namespace {
 
+using namespace e2e;
 using testkit::endsWith;
-using testkit::TempDir;
 using testkit::waitFor;
-using Args = std::vector<std::string>;
-
-const std::string kVrec = testkit::builtProgram("vrecCmd/vrec");
-const std::string kStopLine = "\nINFO: Stop capturing log.\n";
-constexpr uint64_t kMiB = 1 << 20;
-
-// What the command files send, sparing a run the 5 seconds of the Qualcomm table: log
-// configuration operation 3 (equipment 1, items 0 to 7) starts the stream, 0 ends it.
-const std::string kStartRequest("\x73\0\0\0\x03\0\0\0\x01\0\0\0\x07\0\0\0\xFF", 17);
-const std::string kStopRequest("\x73\0\0\0\0\0\0\0", 8);
-// The module's answers: the request's header and a status of 0.
-const std::string kStartAnswer = vtools::frame(kStartRequest.substr(0, 8) + std::string(4, '\0'));
-const std::string kStopAnswer = vtools::frame(kStopRequest + std::string(4, '\0'));
-
-uint64_t fileSize(const std::string& path) {
-    std::error_code error;
-    const uint64_t size = std::filesystem::file_size(path, error);
-    return error ? 0 : size;
-}
-
-// Requests as the simulator records their arrival: "frame" and hex digits without spaces.
-Args arrivals(const Args& requests) {
-    Args lines;
-    for (const std::string& request : requests) {
-        std::string text = testkit::hex(request);
-        text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
-        lines.push_back("frame " + text);
-    }
-    return lines;
-}
-const Args kFileArrivals = arrivals({kStartRequest, kStartRequest, kStopRequest});
-
-void putCommandFiles(const std::string& dir) {
-    for (const auto& file : {std::make_pair("/startcmd.txt", kStartRequest),
-                             std::make_pair("/stopcmd.txt", kStopRequest)}) {
-        std::string text = "{";
-        for (const char c : diagreq::frame(file.second)) {
-            text += "0x" + testkit::hex(std::string(1, c)) + ",";
-        }
-        testkit::writeFile(dir + file.first, text + "}\n");
-    }
-}
-
-Args withHead(Args head, const Args& tail) {
-    head.insert(head.end(), tail.begin(), tail.end());
-    return head;
-}
-
-// The module: vrec-modemsim with a Diag port, in a directory of its own where vrec runs
-// too, with the command files unless told otherwise.
-struct Sim : TempDir, testkit::ModemSim {
-    explicit Sim(const Args& args, bool commandFiles = true)
-        : ModemSim(path(), withHead({"--diag", "diag"}, args)) {
-        if (commandFiles) {
-            putCommandFiles(path());
-        }
-    }
-};
-
-// One capture run of vrec in `cwd`, up and running in the background.
-struct Vrec {
-    Vrec(const std::string& where, const Args& args)
-        : cwd(where),
-          run(withHead({kVrec}, args), where),
-          up(run.waitForOutput("vrec now is running in the background.", 20000)) {}
-    // `vrec -s`, run in `from`; the capture's exit status.
-    int stop(const std::string& from = "") {
-        std::string out;
-        testkit::runToEnd({kVrec, "-s"}, from.empty() ? cwd : from, &out);
-        return run.childStatus(15000);
-    }
-    Args descriptors() {
-        const std::string dir = "/proc/" + std::to_string(run.childPid()) + "/fd/";
-        Args targets;
-        for (const std::string& fd : testkit::listDir(dir)) {
-            char target[PATH_MAX] = {};
-            targets.push_back(readlink((dir + fd).c_str(), target, PATH_MAX - 1) > 0 ? target : "");
-        }
-        return targets;
-    }
-
-    const std::string cwd;
-    testkit::BackgroundRun run;
-    const bool up;
-};
-
-// vrec-inspect over `files`: its exit status, with its report.
-int inspect(const Args& files, std::string* report) {
-    return testkit::runToEnd(withHead({testkit::builtProgram("tools/vrec-inspect")}, files), "/",
-                             report);
-}
-
-// The number behind `label` in an inspect report; -1 when the label is absent.
-long long figure(const std::string& report, const std::string& label) {
-    const size_t at = report.find(label);
-    return at == std::string::npos ? -1 : strtoll(report.c_str() + at + label.size(), nullptr, 10);
-}
-
-// Mounts in a mount namespace of this test's own, undone in reverse order at the end,
-// before the directories under them are removed.
-struct Mounts {
-    ~Mounts() {
-        for (auto it = targets.rbegin(); it != targets.rend(); ++it) {
-            umount2(it->c_str(), MNT_DETACH);
-        }
-    }
-    // False where the process may not have a mount namespace of its own.
-    static bool enter() {
-        return unshare(CLONE_NEWNS) == 0 &&
-               mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    }
-    bool add(const std::string& source, const std::string& target, const char* type,
-             unsigned long flags, const char* data = nullptr) {
-        const bool done = mount(source.c_str(), target.c_str(), type, flags, data) == 0;
-        EXPECT_TRUE(done) << "mount " << source << " on " << target << ": " << strerror(errno);
-        targets.push_back(done ? target : "");
-        return done;
-    }
-
-    Args targets;
-};
-
-// Finished items in `dir` by number; a name of another form fails the test.
-std::vector<int> itemNumbers(const std::string& dir) {
-    std::vector<int> numbers;
-    for (const std::string& name : testkit::listDir(dir)) {
-        int n = -1;
-        int time[5];  // date, hour, minute, second, millisecond
-        int end = 0;
-        if (name.rfind("real_logitem_", 0) == 0) {
-            EXPECT_TRUE(sscanf(name.c_str(), "real_logitem_%d_%d_%d_%d_%d_%d.bin%n", &n, &time[0],
-                               &time[1], &time[2], &time[3], &time[4], &end) == 6 &&
-                        end == static_cast<int>(name.size()))
-                << name;
-            numbers.push_back(n);
-        }
-    }
-    std::sort(numbers.begin(), numbers.end());
-    return numbers;
-}
 
 std::string frameAt(const FrameTable& table, int i) {
     return std::string(reinterpret_cast<const char*>(table.frame(i)),
@@ -286,47 +147,6 @@ TEST(Capture, LogHoldsExactlyWhatTheModuleSent) {
     }
 }
 
-TEST(Capture, ItemsRotateAndTheOldestGoAtTheTotalLimit) {
-    testkit::isolateNetwork();
-    const struct {
-        Args args;
-        uint32_t packets;  // about 96 bytes each
-        std::vector<int> items;
-    } kCases[] = {
-        // 5.5 MiB in items of 1 MiB under a total of 3 MiB: items 0 to 2 go on the way.
-        {{"-d", "./diag", "-c", "1", "-t", "3"}, 60000, {3, 4}},
-        // No total: every item stays.
-        {{"-d", "./diag", "-c", "1"}, 38000, {0, 1, 2}},
-    };
-    for (const auto& c : kCases) {
-        SCOPED_TRACE(testing::PrintToString(c.args));
-        Sim sim({"--rate", "40000", "--total", std::to_string(c.packets)});
-        Vrec vrec(sim.path(), c.args);
-        ASSERT_TRUE(vrec.up) << vrec.run.output();
-        const std::string log = sim.file("real_log.bin");
-        const std::string last = vtools::frame(vtools::simLogPacket(c.packets - 1));
-        EXPECT_TRUE(waitFor([&] { return endsWith(testkit::readFile(log), last); }, 30000));
-        EXPECT_EQ(1, vrec.stop());
-
-        EXPECT_EQ(c.items, itemNumbers(sim.path()));
-        Args files = {log};
-        for (const std::string& name : testkit::listDir(sim.path())) {
-            if (name.compare(0, 13, "real_logitem_") == 0) {
-                files.push_back(sim.file(name));
-                // An item ends with the chunk that reaches its size, or that reaches the
-                // total, which counts the chunks' excess over the items before it.
-                EXPECT_GE(fileSize(files.back()), kMiB - 2 * 2048) << name;
-                EXPECT_LT(fileSize(files.back()), kMiB + 2048) << name;
-            }
-        }
-        // What is left is the stream's tail, unbroken, to its last packet.
-        std::string report;
-        EXPECT_EQ(0, inspect(files, &report)) << report;
-        EXPECT_EQ(static_cast<long long>(c.packets) - 1, figure(report, ", last ")) << report;
-        EXPECT_EQ(c.items[0] == 0, figure(report, ", first ") == 0) << report;
-    }
-}
-
 TEST(Capture, TotalWithoutCyclesEndsTheCaptureAndReportsComeByTheStep) {
     testkit::isolateNetwork();
     Sim sim({"--total", "16000"});
@@ -401,59 +221,9 @@ TEST(Capture, StartSetsGoOutAtStartAndReconnect) {
     }
 }
 
-TEST(Capture, LostDiagPortIsRegainedAndTheSameLogGoesOn) {
-    testkit::isolateNetwork();
-    Sim sim({"--rate", "2000"});
-    Vrec vrec(sim.path(), {"-d", "./diag"});
-    ASSERT_TRUE(vrec.up) << vrec.run.output();
-    const std::string log = sim.file("real_log.bin");
-    ASSERT_TRUE(waitFor([&] { return fileSize(log) > 10000; }, 5000));
-    const size_t descriptors = vrec.descriptors().size();
-    constexpr size_t kHangups = 3;
-    for (size_t i = 1; i <= kHangups; ++i) {
-        SCOPED_TRACE(i);
-        const uint64_t before = fileSize(log);
-        sim.control("hangup=diag:500");
-        ASSERT_TRUE(waitFor([&] { return sim.arrived("diag").size() == i + 1; }, 8000));
-        // From the hang-up to the start frame on the new port: the 2-second pause before
-        // the regain, give or take the record's millisecond and a loaded host.
-        std::vector<long> starts;
-        std::vector<long> times;
-        sim.arrived("diag", &starts);
-        const Args events = sim.arrived("sim", &times);
-        long gap = starts.back();
-        for (size_t e = 0; e < events.size(); ++e) {
-            gap = events[e].find("event hangup") == 0 ? starts.back() - times[e] : gap;
-        }
-        EXPECT_GE(gap, 1999);
-        EXPECT_LE(gap, 3500);
-        EXPECT_TRUE(waitFor([&] { return fileSize(log) > before + 10000; }, 5000));
-    }
-    EXPECT_EQ(descriptors, vrec.descriptors().size());
-    EXPECT_EQ(1, vrec.stop());
-
-    // One file through it all: the answer to every start is in it. What was lost is what
-    // the port held when it went: at most one cut frame and one run of missing packets per
-    // hang-up, and nothing else damaged, repeated or out of order.
-    const std::string captured = testkit::readFile(log);
-    size_t answers = 0;
-    for (size_t at = captured.find(kStartAnswer); at != std::string::npos;
-         at = captured.find(kStartAnswer, at + 1)) {
-        ++answers;
-    }
-    EXPECT_EQ(kHangups + 1, answers);
-    std::string report;
-    inspect({log}, &report);
-    EXPECT_LE(figure(report, " good, "), static_cast<long long>(kHangups)) << report;
-    EXPECT_LE(figure(report, " in "), static_cast<long long>(kHangups)) << report;
-    EXPECT_EQ(0, figure(report, "bytes outside frames: ")) << report;
-    EXPECT_EQ(0, figure(report, "out of order ")) << report;
-    EXPECT_EQ(0, figure(report, "damaged ")) << report;
-}
-
 // vrec with no options finds the module through sysfs, with /dev/ttyUSBn names in front of
-// the simulator's terminals, and captures onto a small disk until it is full.
-TEST(Capture, FindsTheModuleThroughSysfsAndAFullDiskEndsTheCapture) {
+// the simulator's terminals, and captures onto a small disk; a full disk does not end it.
+TEST(Capture, FindsTheModuleThroughSysfsAndAFullDiskDoesNotEndTheCapture) {
     Sim sim({"--pcui", "pcui", "--sysfs", "tree"});
     Mounts mounts;
     if (!Mounts::enter()) {
@@ -492,7 +262,7 @@ TEST(Capture, FindsTheModuleThroughSysfsAndAFullDiskEndsTheCapture) {
             return endsWith(target, "/real_log.bin");
         });
     };
-    EXPECT_TRUE(waitFor([&] { return !logOpen(); }, 5000));
+    EXPECT_TRUE(logOpen());
     EXPECT_EQ(1, vrec.stop(sim.path()));
     EXPECT_EQ(arrivals({kStartRequest, kStopRequest}), sim.arrived("diag"));
     EXPECT_TRUE(sim.arrived("pcui").empty());
