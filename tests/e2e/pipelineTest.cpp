@@ -210,11 +210,12 @@ TEST(Pipeline, AFullDiskIsSurvived) {
     ASSERT_TRUE(
         vrec.run.waitForOutput("\rERROR: error while writing log.the storage may be full.", 20000));
     EXPECT_TRUE(vrec.run.waitForOutput("No space left on device", 1000));
-    // Once the queue is full (the run holds its 16 MiB), bytes are lost; a moment later the
-    // disk has room again.
+    // Once the queue is full (the run holds 16 MiB more than when the disk filled), bytes
+    // are lost; a moment later the disk has room again.
     const std::string status = "/proc/" + std::to_string(vrec.run.childPid()) + "/status";
-    ASSERT_TRUE(waitFor([&] { return residentKiB(status) > 17 * 1024; }, 15000));
-    usleep(500000);
+    const long full = residentKiB(status);
+    ASSERT_TRUE(waitFor([&] { return residentKiB(status) > full + 14 * 1024; }, 15000));
+    usleep(1000000);
     ASSERT_EQ(0, unlink((disk + "/filler").c_str()));
     EXPECT_TRUE(vrec.run.waitForOutput("INFO: the log is stored again since ", 5000));
     ASSERT_TRUE(lastPacketStored(disk, 480000));
