@@ -12,6 +12,8 @@ have_cmd cmake || missing+=(cmake)
 have_pkg libgtest-dev || missing+=(libgtest-dev)
 have_pkg libgmock-dev || missing+=(libgmock-dev)
 have_cmd ip || missing+=(iproute2)
+# Wireshark's command-line reader: the tests of vrec-decode read its pcapng files with it.
+have_cmd tshark || missing+=(tshark)
 
 if [ ${#missing[@]} -gt 0 ]; then
     echo "Installing: ${missing[*]}"
