@@ -35,7 +35,8 @@ void Converter::take(const vtools::DeframeStep& step, bool first) {
     }
     ++tally.goodFrames;
     const std::string& packet = step.packet;
-    if (output.wantsMessages() && !packet.empty() && static_cast<unsigned char>(packet[0]) == 0x79) {
+    if (output.wantsMessages() && !packet.empty() &&
+        static_cast<unsigned char>(packet[0]) == 0x79) {
         std::string text;
         uint64_t micros = 0;
         if (extendedMessageText(packet, &text, &micros)) {

@@ -24,9 +24,8 @@ void pause() {
 }
 
 bool isCaptureFile(const std::string& name) {
-    return name == kInProgress ||
-           (name.compare(0, 13, "real_logitem_") == 0 && name.size() > 17 &&
-            name.compare(name.size() - 4, 4, ".bin") == 0);
+    return name == kInProgress || (name.compare(0, 13, "real_logitem_") == 0 && name.size() > 17 &&
+                                   name.compare(name.size() - 4, 4, ".bin") == 0);
 }
 
 }  // namespace

@@ -92,16 +92,18 @@ int parse(int argc, char** argv, Options* options, bool* help) {
             options->files.push_back(arg);
         }
     }
-    const int outputs =
-        (options->pcapng.empty() ? 0 : 1) + (options->text ? 1 : 0) + (options->udp.empty() ? 0 : 1);
+    const int outputs = (options->pcapng.empty() ? 0 : 1) + (options->text ? 1 : 0) +
+                        (options->udp.empty() ? 0 : 1);
     if (outputs != 1) {
-        return usageError(outputs == 0 ? "no output: give -o OUT.pcapng, --text or --udp HOST[:PORT]"
-                                       : "one output at a time: -o, --text or --udp");
+        return usageError(outputs == 0
+                              ? "no output: give -o OUT.pcapng, --text or --udp HOST[:PORT]"
+                              : "one output at a time: -o, --text or --udp");
     }
     if (!options->follow.empty()) {
         if (!options->pcapng.empty()) {
-            return usageError("--follow sends records with --udp or prints them with --text, "
-                              "not to a file");
+            return usageError(
+                "--follow sends records with --udp or prints them with --text, "
+                "not to a file");
         }
         if (!options->files.empty()) {
             return usageError("--follow reads its directory; no CAPTURE files go with it (got " +
@@ -109,7 +111,8 @@ int parse(int argc, char** argv, Options* options, bool* help) {
         }
         struct stat info {};
         if (stat(options->follow.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-            return usageError("--follow " + options->follow + ": not a directory; give the "
+            return usageError("--follow " + options->follow +
+                              ": not a directory; give the "
                               "directory the capture writes real_log.bin in");
         }
     } else if (options->fromStart) {

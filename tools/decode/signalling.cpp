@@ -48,14 +48,32 @@ struct LteChannel {
     uint8_t subType;
     bool uplink;
 };
-enum LteIndex { BCH, DLSCH, MCCH, PCCH, DLCCCH, DLDCCH, ULCCCH, ULDCCH, BCH_NB, DLSCH_NB, PCCH_NB,
-                DLCCCH_NB, DLDCCH_NB, ULCCCH_NB, ULDCCH_NB };
+enum LteIndex {
+    BCH,
+    DLSCH,
+    MCCH,
+    PCCH,
+    DLCCCH,
+    DLDCCH,
+    ULCCCH,
+    ULDCCH,
+    BCH_NB,
+    DLSCH_NB,
+    PCCH_NB,
+    DLCCCH_NB,
+    DLDCCH_NB,
+    ULCCCH_NB,
+    ULDCCH_NB
+};
 const LteChannel kLteChannels[] = {
-    {"BCCH-BCH", 4, false},     {"BCCH-DL-SCH", 5, false},     {"MCCH", 7, false},
-    {"PCCH", 6, false},         {"DL-CCCH", 0, false},         {"DL-DCCH", 1, false},
-    {"UL-CCCH", 2, true},       {"UL-DCCH", 3, true},          {"BCCH-BCH-NB", 18, false},
-    {"BCCH-DL-SCH-NB", 20, false}, {"PCCH-NB", 21, false},     {"DL-CCCH-NB", 14, false},
-    {"DL-DCCH-NB", 15, false},  {"UL-CCCH-NB", 16, true},      {"UL-DCCH-NB", 17, true},
+    {"BCCH-BCH", 4, false},     {"BCCH-DL-SCH", 5, false},
+    {"MCCH", 7, false},         {"PCCH", 6, false},
+    {"DL-CCCH", 0, false},      {"DL-DCCH", 1, false},
+    {"UL-CCCH", 2, true},       {"UL-DCCH", 3, true},
+    {"BCCH-BCH-NB", 18, false}, {"BCCH-DL-SCH-NB", 20, false},
+    {"PCCH-NB", 21, false},     {"DL-CCCH-NB", 14, false},
+    {"DL-DCCH-NB", 15, false},  {"UL-CCCH-NB", 16, true},
+    {"UL-DCCH-NB", 17, true},
 };
 
 struct PduNumber {
@@ -66,15 +84,14 @@ const PduNumber kLteFirst[] = {{1, BCH},    {2, DLSCH},  {3, MCCH},   {4, PCCH},
                                {5, DLCCCH}, {6, DLDCCH}, {7, ULCCCH}, {8, ULDCCH}};
 const PduNumber kLteShifted[] = {{8, BCH},     {9, DLSCH},   {10, MCCH},   {11, PCCH},
                                  {12, DLCCCH}, {13, DLDCCH}, {14, ULCCCH}, {15, ULDCCH}};
-const PduNumber kLteGapped[] = {
-    {1, BCH},          {2, DLSCH},          {4, MCCH},         {5, PCCH},
-    {6, DLCCCH},       {7, DLDCCH},         {8, ULCCCH},       {9, ULDCCH},
-    {54, BCH_NB},      {55, DLSCH_NB},      {56, PCCH_NB},     {57, DLCCCH_NB},
-    {58, DLDCCH_NB},   {59, ULCCCH_NB},     {61, ULDCCH_NB}};
-const PduNumber kLteLate[] = {
-    {1, BCH},        {3, DLSCH},      {6, MCCH},       {7, PCCH},       {8, DLCCCH},
-    {9, DLDCCH},     {10, ULCCCH},    {11, ULDCCH},    {45, BCH_NB},    {46, DLSCH_NB},
-    {47, PCCH_NB},   {48, DLCCCH_NB}, {49, DLDCCH_NB}, {50, ULCCCH_NB}, {52, ULDCCH_NB}};
+const PduNumber kLteGapped[] = {{1, BCH},        {2, DLSCH},      {4, MCCH},      {5, PCCH},
+                                {6, DLCCCH},     {7, DLDCCH},     {8, ULCCCH},    {9, ULDCCH},
+                                {54, BCH_NB},    {55, DLSCH_NB},  {56, PCCH_NB},  {57, DLCCCH_NB},
+                                {58, DLDCCH_NB}, {59, ULCCCH_NB}, {61, ULDCCH_NB}};
+const PduNumber kLteLate[] = {{1, BCH},        {3, DLSCH},      {6, MCCH},      {7, PCCH},
+                              {8, DLCCCH},     {9, DLDCCH},     {10, ULCCCH},   {11, ULDCCH},
+                              {45, BCH_NB},    {46, DLSCH_NB},  {47, PCCH_NB},  {48, DLCCCH_NB},
+                              {49, DLDCCH_NB}, {50, ULCCCH_NB}, {52, ULDCCH_NB}};
 
 template <size_t N>
 int lookup(const PduNumber (&table)[N], unsigned number, size_t count = N) {
@@ -91,15 +108,32 @@ constexpr int kUnknownVersion = -2;
 // Channel of a PDU number in a version's numbering; -1 for an unknown number.
 int lteChannel(unsigned version, unsigned number) {
     switch (version) {
-        case 2: case 3: case 4: case 6: case 7: case 8: case 13: case 22:
+        case 2:
+        case 3:
+        case 4:
+        case 6:
+        case 7:
+        case 8:
+        case 13:
+        case 22:
             return lookup(kLteFirst, number);
-        case 9: case 12:
+        case 9:
+        case 12:
             return lookup(kLteShifted, number);
-        case 14: case 15: case 16:
+        case 14:
+        case 15:
+        case 16:
             return lookup(kLteGapped, number, 8);  // without NB-IoT
-        case 20: case 24: case 25:
+        case 20:
+        case 24:
+        case 25:
             return lookup(kLteGapped, number);
-        case 19: case 26: case 27: case 29: case 30: case 31:
+        case 19:
+        case 26:
+        case 27:
+        case 29:
+        case 30:
+        case 31:
             return lookup(kLteLate, number);
         default:
             return kUnknownVersion;
@@ -134,8 +168,22 @@ struct NrContent {
     const char* dissector;  // nullptr: Wireshark has none
     Direction direction;
 };
-enum NrIndex { NBCH, NDLSCH, NDLCCCH, NDLDCCH, NPCCH, NULCCCH, NULCCCH1, NULDCCH, NRECONF,
-               NCOMPLETE, NRBC, NMRDC, NNRCAP, NMCCH };
+enum NrIndex {
+    NBCH,
+    NDLSCH,
+    NDLCCCH,
+    NDLDCCH,
+    NPCCH,
+    NULCCCH,
+    NULCCCH1,
+    NULDCCH,
+    NRECONF,
+    NCOMPLETE,
+    NRBC,
+    NMRDC,
+    NNRCAP,
+    NMCCH
+};
 const NrContent kNrContents[] = {
     {"BCCH-BCH", "nr-rrc.bcch.bch", Direction::kDownlink},
     {"BCCH-DL-SCH", "nr-rrc.bcch.dl.sch", Direction::kDownlink},
@@ -155,12 +203,12 @@ const NrContent kNrContents[] = {
 };
 
 int nrContent(unsigned version, unsigned number) {
-    static const PduNumber kFirstTen[] = {{1, NBCH},    {2, NDLSCH},   {3, NDLCCCH}, {4, NDLDCCH},
-                                          {5, NPCCH},   {6, NULCCCH},  {7, NULCCCH1}, {8, NULDCCH},
+    static const PduNumber kFirstTen[] = {{1, NBCH},    {2, NDLSCH},    {3, NDLCCCH},  {4, NDLDCCH},
+                                          {5, NPCCH},   {6, NULCCCH},   {7, NULCCCH1}, {8, NULDCCH},
                                           {9, NRECONF}, {10, NCOMPLETE}};
-    static const PduNumber kLate[] = {{1, NBCH},     {2, NDLSCH},    {3, NDLCCCH},   {4, NDLDCCH},
-                                      {5, NMCCH},    {6, NPCCH},     {7, NULCCCH},   {8, NULCCCH1},
-                                      {9, NULDCCH},  {10, NRECONF},  {11, NCOMPLETE}, {36, NRBC}};
+    static const PduNumber kLate[] = {{1, NBCH},    {2, NDLSCH},   {3, NDLCCCH},    {4, NDLDCCH},
+                                      {5, NMCCH},   {6, NPCCH},    {7, NULCCCH},    {8, NULCCCH1},
+                                      {9, NULDCCH}, {10, NRECONF}, {11, NCOMPLETE}, {36, NRBC}};
     const bool early = number >= 1 && number <= 10;
     switch (version) {
         case 7:
@@ -180,8 +228,8 @@ int nrContent(unsigned version, unsigned number) {
             if (early) {
                 return lookup(kFirstTen, number);
             }
-            return number == 28   ? NRBC
-                   : number == 31 ? NMRDC
+            return number == 28                     ? NRBC
+                   : number == 31                   ? NMRDC
                    : (number == 32 || number == 33) ? NNRCAP
                                                     : -1;
         case 17:
@@ -214,19 +262,27 @@ struct NrLayout {
 };
 bool nrLayout(unsigned version, NrLayout* layout) {
     switch (version) {
-        case 7: case 8: case 9:
+        case 7:
+        case 8:
+        case 9:
             *layout = {24, 17, 22, 0};
             return true;
-        case 12: case 14:
+        case 12:
+        case 14:
             *layout = {23, 16, 21, 0};
             return true;
         case 17:
             *layout = {31, 24, 29, 0};
             return true;
-        case 19: case 20: case 25:
+        case 19:
+        case 20:
+        case 25:
             *layout = {32, 24, 29, 0};
             return true;
-        case 23: case 24: case 26: case 28:
+        case 23:
+        case 24:
+        case 26:
+        case 28:
             *layout = {35, 24, 29, 34};
             return true;
         default:
@@ -257,9 +313,10 @@ struct UmtsChannel {
 };
 // By the low 7 bits of the channel type; empty names are not channels.
 const UmtsChannel kUmtsChannels[] = {
-    {"UL-CCCH", 3, true},   {"UL-DCCH", 1, true},   {"DL-CCCH", 2, false}, {"DL-DCCH", 0, false},
-    {"BCCH-BCH", 8, false}, {"BCCH-FACH", 7, false}, {"PCCH", 4, false},   {"MCCH", 9, false},
-    {"MSCH", 10, false},    {nullptr, 0, false},    {"SIB container", 14, false},
+    {"UL-CCCH", 3, true},  {"UL-DCCH", 1, true},         {"DL-CCCH", 2, false},
+    {"DL-DCCH", 0, false}, {"BCCH-BCH", 8, false},       {"BCCH-FACH", 7, false},
+    {"PCCH", 4, false},    {"MCCH", 9, false},           {"MSCH", 10, false},
+    {nullptr, 0, false},   {"SIB container", 14, false},
 };
 
 bool isUmtsSibCut(unsigned type) {
@@ -465,7 +522,8 @@ bool SignallingDecoder::lteRrc(const char* p, size_t size, Record& record) {
     record.type = kGsmtapLteRrc;
     record.subType = channel.subType;
     record.direction = channel.uplink ? Direction::kUplink : Direction::kDownlink;
-    const uint32_t earfcn = layout.earfcnSize == 2 ? le16(p, layout.earfcn) : le32(p, layout.earfcn);
+    const uint32_t earfcn =
+        layout.earfcnSize == 2 ? le16(p, layout.earfcn) : le32(p, layout.earfcn);
     record.arfcn = earfcn <= 0x3FFF ? static_cast<uint16_t>(earfcn) : 0;
     record.frameNumber = (le16(p, layout.sfn) >> 4) & 0x3FF;
     record.pdu.assign(p + layout.header, length);
@@ -476,7 +534,8 @@ bool SignallingDecoder::lteNas(const char* p, size_t size, Record& record) {
     record.technology = "LTE NAS";
     const unsigned code = record.logCode;
     if (size < 1 || u8(p, 0) != 1) {
-        tally.skip(format("unknown version (0x%04X LTE NAS version %u)", code, size ? u8(p, 0) : 0));
+        tally.skip(
+            format("unknown version (0x%04X LTE NAS version %u)", code, size ? u8(p, 0) : 0));
         return false;
     }
     if (size <= 4) {
@@ -486,8 +545,8 @@ bool SignallingDecoder::lteNas(const char* p, size_t size, Record& record) {
     const bool esm = code <= 0xB0E3;
     const bool plain = (code & 0x0F) == 0x02 || (code & 0x0F) == 0x03 || (code & 0x0F) == 0x0C ||
                        (code & 0x0F) == 0x0D;
-    record.channel = esm ? (plain ? "ESM plain" : "ESM protected")
-                         : (plain ? "EMM plain" : "EMM protected");
+    record.channel =
+        esm ? (plain ? "ESM plain" : "ESM protected") : (plain ? "EMM plain" : "EMM protected");
     record.type = kGsmtapLteNas;
     record.subType = plain ? 0 : 1;
     record.direction = (code & 1) != 0 ? Direction::kUplink : Direction::kDownlink;
@@ -553,10 +612,21 @@ bool SignallingDecoder::nrNas(const char* p, size_t size, Record& record) {
         return false;
     }
     switch (code) {
-        case 0xB800: case 0xB801: record.channel = "5GSM plain"; break;
-        case 0xB808: case 0xB809: record.channel = "protected"; break;
-        case 0xB80A: case 0xB80B: record.channel = "5GMM plain"; break;
-        default: record.channel = "5GMM container"; break;
+        case 0xB800:
+        case 0xB801:
+            record.channel = "5GSM plain";
+            break;
+        case 0xB808:
+        case 0xB809:
+            record.channel = "protected";
+            break;
+        case 0xB80A:
+        case 0xB80B:
+            record.channel = "5GMM plain";
+            break;
+        default:
+            record.channel = "5GMM container";
+            break;
     }
     if (code != 0xB814) {
         record.direction = (code & 1) != 0 ? Direction::kUplink : Direction::kDownlink;
@@ -587,9 +657,10 @@ bool SignallingDecoder::wcdmaRrc(const char* p, size_t size, Record& record) {
     if (isUmtsSibCut(type)) {
         // One system information block cut out of the BCCH, behind its type.
         if (length < 1 || u8(p, start) != 0) {
-            tally.skip(format("WCDMA system information block of an unknown type (0x412F, "
-                              "type %u)",
-                              length < 1 ? 256 : u8(p, start)));
+            tally.skip(
+                format("WCDMA system information block of an unknown type (0x412F, "
+                       "type %u)",
+                       length < 1 ? 256 : u8(p, start)));
             return false;
         }
         record.channel = "MIB";
@@ -653,8 +724,8 @@ bool SignallingDecoder::gsmRr(const char* p, size_t size, Record& record) {
             lapdm.insert(0, 2, '\0');  // the SACCH L1 header
             break;
         default:
-            tally.skip(format("unknown channel (0x%04X GSM RR channel 0x%02X)", record.logCode,
-                              channel));
+            tally.skip(
+                format("unknown channel (0x%04X GSM RR channel 0x%02X)", record.logCode, channel));
             return false;
     }
     const bool dedicated = record.subType >= 8;

@@ -27,7 +27,7 @@ struct Record {
     Direction direction = Direction::kNone;
     uint64_t unixMicros = 0;  // the packet's own time
     unsigned logCode = 0;
-    unsigned sim = 1;          // 1, or the subscription of a multi-SIM wrapper
+    unsigned sim = 1;             // 1, or the subscription of a multi-SIM wrapper
     const char* technology = "";  // "LTE RRC", "NR RRC", ...
     const char* channel = "";     // "DL-DCCH", "BCCH", "plain", ...
     // GSMTAP header fields.
