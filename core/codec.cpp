@@ -36,6 +36,22 @@ constexpr std::array<unsigned short, 256> makeCrcTable() {
 }
 constexpr std::array<unsigned short, 256> kCrcTable = makeCrcTable();
 
+// The same table extended to eight bytes at a step: row k is the effect of a byte followed
+// by k more.
+constexpr std::array<std::array<unsigned short, 256>, 8> makeCrcSlices() {
+    std::array<std::array<unsigned short, 256>, 8> slices{};
+    slices[0] = kCrcTable;
+    for (size_t k = 1; k < 8; ++k) {
+        for (unsigned i = 0; i < 256; ++i) {
+            const unsigned short previous = slices[k - 1][i];
+            slices[k][i] =
+                static_cast<unsigned short>((previous >> 8) ^ kCrcTable[previous & 0xFF]);
+        }
+    }
+    return slices;
+}
+constexpr std::array<std::array<unsigned short, 256>, 8> kCrcSlices = makeCrcSlices();
+
 }  // namespace
 
 std::string Base64Encode(const unsigned char* data, int length) {
@@ -107,7 +123,15 @@ std::string Base64Decode(const char* text, int length, int* count) {
 
 void Crc16Fcs(const unsigned char* data, int length, unsigned short* result) {
     unsigned short fcs = 0xFFFF;
-    for (int i = 0; data != nullptr && i < length; ++i) {
+    int i = 0;
+    for (; data != nullptr && i + 8 <= length; i += 8) {
+        const unsigned low = (fcs ^ data[i]) & 0xFF;
+        const unsigned high = ((fcs >> 8) ^ data[i + 1]) & 0xFF;
+        fcs = kCrcSlices[7][low] ^ kCrcSlices[6][high] ^ kCrcSlices[5][data[i + 2]] ^
+              kCrcSlices[4][data[i + 3]] ^ kCrcSlices[3][data[i + 4]] ^ kCrcSlices[2][data[i + 5]] ^
+              kCrcSlices[1][data[i + 6]] ^ kCrcSlices[0][data[i + 7]];
+    }
+    for (; data != nullptr && i < length; ++i) {
         fcs = static_cast<unsigned short>((fcs >> 8) ^ kCrcTable[(fcs ^ data[i]) & 0xFF]);
     }
     if (result != nullptr) {
@@ -137,4 +161,6 @@ std::string logTimeSuffix(const CDateTime& when) {
     return buffer;
 }
 
-std::string logTimeSuffix() { return logTimeSuffix(CDateTime()); }
+std::string logTimeSuffix() {
+    return logTimeSuffix(CDateTime());
+}
