@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "benchkit.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -37,20 +39,7 @@ struct Run {
 
 Run measure(const std::vector<std::string>& argv, const std::string& output) {
     const auto start = Clock::now();
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int err = open("/dev/null", O_WRONLY);
-        dup2(out, STDOUT_FILENO);
-        dup2(err, STDERR_FILENO);
-        std::vector<char*> args;
-        for (const std::string& a : argv) {
-            args.push_back(const_cast<char*>(a.c_str()));
-        }
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
+    const pid_t pid = benchkit::spawn(argv, output);
     Run run;
     rusage usage{};
     int status = 0;

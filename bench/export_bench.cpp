@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "benchkit.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -29,22 +31,7 @@ std::string readAll(const std::string& path) {
     return out.str();
 }
 
-pid_t spawn(const std::vector<std::string>& argv, const std::string& output) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(fd, STDOUT_FILENO);
-        dup2(fd, STDERR_FILENO);
-        std::vector<char*> args;
-        for (const std::string& a : argv) {
-            args.push_back(const_cast<char*>(a.c_str()));
-        }
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    return pid;
-}
+using benchkit::spawn;
 
 bool waitFor(const std::string& path, const std::string& text, int seconds) {
     const auto end = Clock::now() + std::chrono::seconds(seconds);
@@ -76,14 +63,14 @@ int main(int argc, char** argv) {
     std::ofstream("files/logsave_bench", std::ios::binary) << content;
 
     const pid_t sim = spawn({root + "/tools/vrec-modemsim", "--pcui", "./pcui", "--files", "files"},
-                           "simulator.out");
+                            "simulator.out");
     if (!waitFor("simulator.out", "ready", 10)) {
         fprintf(stderr, "the simulator did not start\n");
         return 1;
     }
     const auto start = Clock::now();
-    const pid_t run = spawn({root + "/vrecCmd/vrec", "-p", "./pcui", "-f", "logsave_bench", "-r", "0"},
-                            "vrec.out");
+    const pid_t run = spawn(
+        {root + "/vrecCmd/vrec", "-p", "./pcui", "-f", "logsave_bench", "-r", "0"}, "vrec.out");
     const bool done = waitFor("vrec.out", "Exporting done", 3600);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     const pid_t stop = spawn({root + "/vrecCmd/vrec", "-s"}, "stop.out");

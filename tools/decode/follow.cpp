@@ -28,6 +28,18 @@ bool isCaptureFile(const std::string& name) {
                                    name.compare(name.size() - 4, 4, ".bin") == 0);
 }
 
+// The capture's files in the order they were written.
+std::vector<std::string> captureFiles(const std::string& dir) {
+    std::vector<std::string> files;
+    std::error_code failure;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, failure)) {
+        if (isCaptureFile(entry.path().filename().string())) {
+            files.push_back(entry.path().string());
+        }
+    }
+    return vtools::captureOrder(files);
+}
+
 }  // namespace
 
 Follower::~Follower() {
@@ -57,14 +69,7 @@ bool Follower::open(const std::string& path, std::string* error) {
 
 bool Follower::openFirst(bool atEnd, std::string* error) {
     if (!atEnd) {
-        std::vector<std::string> files;
-        std::error_code failure;
-        for (const auto& entry : std::filesystem::directory_iterator(dir, failure)) {
-            if (isCaptureFile(entry.path().filename().string())) {
-                files.push_back(entry.path().string());
-            }
-        }
-        files = vtools::captureOrder(files);
+        const std::vector<std::string> files = captureFiles(dir);
         return files.empty() || open(files.front(), error);
     }
     if (!open(dir + "/" + kInProgress, error)) {
@@ -98,14 +103,7 @@ bool Follower::drain(std::string* error) {
 }
 
 std::string Follower::successor() const {
-    std::vector<std::string> files;
-    std::error_code failure;
-    for (const auto& entry : std::filesystem::directory_iterator(dir, failure)) {
-        if (isCaptureFile(entry.path().filename().string())) {
-            files.push_back(entry.path().string());
-        }
-    }
-    files = vtools::captureOrder(files);
+    const std::vector<std::string> files = captureFiles(dir);
     for (size_t i = 0; i < files.size(); ++i) {
         struct stat info {};
         if (stat(files[i].c_str(), &info) == 0 && FileId{info.st_dev, info.st_ino} == held) {

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "diagPacket.h"
+
 namespace vdecode {
 
 namespace {
@@ -15,14 +17,8 @@ namespace {
 constexpr uint16_t kLinkIpv4 = 228;
 constexpr uint16_t kLinkExportedPdu = 252;
 
-void putLe16(std::string& out, unsigned value) {
-    out += static_cast<char>(value & 0xFF);
-    out += static_cast<char>((value >> 8) & 0xFF);
-}
-void putLe32(std::string& out, uint32_t value) {
-    putLe16(out, value & 0xFFFF);
-    putLe16(out, value >> 16);
-}
+using vtools::appendLe16;
+using vtools::appendLe32;
 void putBe16(std::string& out, unsigned value) {
     out += static_cast<char>((value >> 8) & 0xFF);
     out += static_cast<char>(value & 0xFF);
@@ -69,7 +65,7 @@ void sealBlock(std::string& block) {
     for (int i = 0; i < 4; ++i) {
         block[4 + i] = static_cast<char>((length >> (8 * i)) & 0xFF);
     }
-    putLe32(block, length);
+    appendLe32(block, length);
 }
 
 }  // namespace
@@ -103,11 +99,11 @@ bool PcapngOutput::put(const std::string& bytes) {
 
 void PcapngOutput::interfaceBlock(uint16_t linkType) {
     block.clear();
-    putLe32(block, 1);
-    putLe32(block, 0);
-    putLe16(block, linkType);
-    putLe16(block, 0);
-    putLe32(block, 0);  // no snapshot length
+    appendLe32(block, 1);
+    appendLe32(block, 0);
+    appendLe16(block, linkType);
+    appendLe16(block, 0);
+    appendLe32(block, 0);  // no snapshot length
     sealBlock(block);
 }
 
@@ -119,11 +115,11 @@ bool PcapngOutput::open(const std::string& where) {
         return false;
     }
     std::string header;
-    putLe32(header, 0x0A0D0D0A);
-    putLe32(header, 0);
-    putLe32(header, 0x1A2B3C4D);
-    putLe16(header, 1);
-    putLe16(header, 0);
+    appendLe32(header, 0x0A0D0D0A);
+    appendLe32(header, 0);
+    appendLe32(header, 0x1A2B3C4D);
+    appendLe16(header, 1);
+    appendLe16(header, 0);
     header.append(8, '\xFF');  // section length unknown
     sealBlock(header);
     interfaceBlock(kLinkIpv4);
@@ -141,14 +137,14 @@ Output::Result PcapngOutput::write(const Record& record) {
     }
     const std::string payload = exported ? record.exportedPdu() : record.gsmtap();
     block.clear();
-    putLe32(block, 6);
-    putLe32(block, 0);
-    putLe32(block, exported ? 1 : 0);
-    putLe32(block, static_cast<uint32_t>(record.unixMicros >> 32));
-    putLe32(block, static_cast<uint32_t>(record.unixMicros & 0xFFFFFFFF));
+    appendLe32(block, 6);
+    appendLe32(block, 0);
+    appendLe32(block, exported ? 1 : 0);
+    appendLe32(block, static_cast<uint32_t>(record.unixMicros >> 32));
+    appendLe32(block, static_cast<uint32_t>(record.unixMicros & 0xFFFFFFFF));
     const uint32_t size = static_cast<uint32_t>(payload.size() + (exported ? 0 : 28));
-    putLe32(block, size);
-    putLe32(block, size);
+    appendLe32(block, size);
+    appendLe32(block, size);
     if (!exported) {
         appendIpUdp(block, record.sim, payload.size());
     }
