@@ -20,6 +20,7 @@ public:
     bool feed(const char* data, size_t size);
     // The end of the stream: a frame it cuts is counted.
     void finish() { reader.finish(); }
+    void flush() { output.flush(); }
     const Tally& counts() const { return tally; }
     uint64_t bytes() const { return reader.bytes(); }
     bool failed() const { return outputFailed; }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -121,6 +122,9 @@ bool Follower::run(const volatile sig_atomic_t& stop, std::string* error) {
         if (!openFirst(atEnd, error)) {
             return false;
         }
+        if (fd < 0 && atEnd == !fromStart) {
+            fprintf(stderr, "vrec-decode: waiting for a capture to begin in %s\n", dir.c_str());
+        }
         if (fd < 0) {
             atEnd = false;
             pause();  // no capture yet
@@ -133,6 +137,7 @@ bool Follower::run(const volatile sig_atomic_t& stop, std::string* error) {
         struct stat info {};
         if (stat((dir + "/" + kInProgress).c_str(), &info) == 0 &&
             FileId{info.st_dev, info.st_ino} == held) {
+            converter.flush();
             pause();
             continue;
         }

@@ -22,6 +22,8 @@ public:
         return Result::kNotCarried;
     }
     virtual bool close() { return true; }
+    // Hands on what is buffered, for a reader that follows a capture live.
+    virtual void flush() {}
     const std::string& error() const { return failure; }
 
 protected:
@@ -55,6 +57,7 @@ public:
     bool wantsMessages() const override { return true; }
     Result writeMessage(uint64_t unixMicros, const std::string& text) override;
     bool close() override;
+    void flush() override { fflush(to); }
 
 private:
     FILE* to;
