@@ -137,6 +137,11 @@ bool Follower::run(const volatile sig_atomic_t& stop, std::string* error) {
         struct stat info {};
         if (stat((dir + "/" + kInProgress).c_str(), &info) == 0 &&
             FileId{info.st_dev, info.st_ino} == held) {
+            if (info.st_size < lseek(fd, 0, SEEK_CUR)) {
+                // A new run of the capture emptied the file: its stream begins again.
+                lseek(fd, 0, SEEK_SET);
+                continue;
+            }
             converter.flush();
             pause();
             continue;

@@ -41,6 +41,12 @@ std::string format(const char* fmt, ...) {
     return text;
 }
 
+// A 32-bit version field of a damaged packet may hold anything: the reasons stay few.
+std::string versionReason(const char* what, uint32_t version) {
+    return version < 256 ? format("unknown version (%s version %u)", what, version)
+                         : format("unknown version (%s version above 255)", what);
+}
+
 // ---- LTE RRC ----------------------------------------------------------------------------
 
 struct LteChannel {
@@ -560,7 +566,7 @@ bool SignallingDecoder::nrRrc(const char* p, size_t size, Record& record) {
     const uint32_t version = size >= 4 ? le32(p, 0) : 0;
     NrLayout layout{};
     if (!nrLayout(version, &layout)) {
-        tally.skip(format("unknown version (0xB821 NR RRC version %u)", version));
+        tally.skip(versionReason("0xB821 NR RRC", version));
         return false;
     }
     if (size < layout.header) {
@@ -604,7 +610,7 @@ bool SignallingDecoder::nrNas(const char* p, size_t size, Record& record) {
     const unsigned code = record.logCode;
     const uint32_t version = size >= 4 ? le32(p, 0) : 0;
     if (version != 1) {
-        tally.skip(format("unknown version (0x%04X 5GS NAS version %u)", code, version));
+        tally.skip(versionReason(format("0x%04X 5GS NAS", code).c_str(), version));
         return false;
     }
     if (size <= 7) {
