@@ -666,6 +666,17 @@ TEST(DecodeTool, FollowSendsEveryRecordOnceAcrossRotations) {
     for (size_t i = 0; i < got.size(); ++i) {
         ASSERT_EQ(hex(got[i]), hex(expected.datagrams[i])) << "datagram " << i;
     }
+
+    // Started later with --from-start, it reads the items before the file in progress.
+    Listener late;
+    testkit::BackgroundRun again({kDecode, "--follow", dir.path(), "--from-start", "--udp",
+                                  "127.0.0.1:" + std::to_string(late.port)},
+                                 dir.path());
+    EXPECT_TRUE(testkit::waitFor(
+        [&] { return late.datagrams().size() >= expected.datagrams.size(); }, 20000));
+    usleep(200 * 1000);
+    EXPECT_TRUE(late.datagrams() == expected.datagrams) << late.datagrams().size();
+
     std::string out;
     testkit::runToEnd({testkit::builtProgram("vrecCmd/vrec"), "-s"}, dir.path(), &out);
     EXPECT_EQ(1, vrec.childStatus(15000));
