@@ -819,18 +819,18 @@ bool extendedMessageText(const std::string& packet, std::string* text, uint64_t*
             continue;
         }
         size_t j = i + 1;
-        std::string spec = "%";
+        std::string directive = "%";
         while (j < formatEnd && strchr("-+ #0", p[j]) != nullptr) {
-            spec += p[j++];
+            directive += p[j++];
         }
         auto digits = [&] {
-            while (j < formatEnd && p[j] >= '0' && p[j] <= '9' && spec.size() < 8) {
-                spec += p[j++];
+            while (j < formatEnd && p[j] >= '0' && p[j] <= '9' && directive.size() < 8) {
+                directive += p[j++];
             }
         };
         digits();  // width
         if (j < formatEnd && p[j] == '.') {
-            spec += p[j++];
+            directive += p[j++];
             digits();  // precision
         }
         while (j < formatEnd && strchr("hlLqjzt", p[j]) != nullptr) {
@@ -846,13 +846,13 @@ bool extendedMessageText(const std::string& packet, std::string* text, uint64_t*
         } else if (strchr("diuxXoc", conversion) != nullptr && next < count) {
             const uint32_t value = le32(p, 20 + 4 * next++);
             char piece[64];
-            spec += conversion;
+            directive += conversion;
             if (conversion == 'd' || conversion == 'i') {
-                snprintf(piece, sizeof(piece), spec.c_str(), static_cast<int32_t>(value));
+                snprintf(piece, sizeof(piece), directive.c_str(), static_cast<int32_t>(value));
             } else if (conversion == 'c') {
                 snprintf(piece, sizeof(piece), "%c", static_cast<char>(value & 0xFF));
             } else {
-                snprintf(piece, sizeof(piece), spec.c_str(), value);
+                snprintf(piece, sizeof(piece), directive.c_str(), value);
             }
             out += piece;
         } else if ((conversion == 's' || conversion == 'p') && next < count) {
