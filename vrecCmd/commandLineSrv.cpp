@@ -5,6 +5,7 @@
 #include <getopt.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -71,8 +72,8 @@ const char* const kUsage[] = {
 
 CommandLineSrv* g_commandLine = nullptr;
 CommandLineSrv::ImplFactory g_factory;
-// Written by the SIGQUIT handler, read by the thread that runs the stop sequence.
-int g_sigQuitPipe[2] = {-1, -1};
+// Written by the stop signals' handler, read by the thread that runs the stop sequence.
+int g_stopSignalPipe[2] = {-1, -1};
 
 std::unique_ptr<LogInterface> makeDefaultImpl(const CaptureOptions& options) {
     if (options.mode == CAPTURE_MDON) {
@@ -106,32 +107,34 @@ void CommandLineSrv::setImplFactory(ImplFactory factory) { g_factory = std::move
 CommandLineSrv::CommandLineSrv() {
     // The stop sequence is far more than a signal handler may do, so the handler only
     // wakes a thread that runs it.
-    if (pipe2(g_sigQuitPipe, O_CLOEXEC) == 0) {
+    if (pipe2(g_stopSignalPipe, O_CLOEXEC) == 0) {
         pthread_t thread;
-        if (pthread_create(&thread, nullptr, sigQuitLoop, this) == 0) {
+        if (pthread_create(&thread, nullptr, stopSignalLoop, this) == 0) {
             pthread_detach(thread);
         }
     }
-    signal(SIGQUIT, onSigQuit);
+    // SIGTERM is how service managers end a service: it stops as SIGQUIT does.
+    signal(SIGQUIT, onStopSignal);
+    signal(SIGTERM, onStopSignal);
     // A terminal or pipe that went away must not end the capture unannounced.
     signal(SIGPIPE, SIG_IGN);
 }
 
-void CommandLineSrv::onSigQuit(int /*signal*/) {
+void CommandLineSrv::onStopSignal(int /*signal*/) {
     const int savedErrno = errno;
     const char byte = 'q';
-    if (g_sigQuitPipe[1] != -1) {
-        ssize_t ignored = write(g_sigQuitPipe[1], &byte, 1);
+    if (g_stopSignalPipe[1] != -1) {
+        ssize_t ignored = write(g_stopSignalPipe[1], &byte, 1);
         (void)ignored;
     }
     errno = savedErrno;
 }
 
-void* CommandLineSrv::sigQuitLoop(void* param) {
+void* CommandLineSrv::stopSignalLoop(void* param) {
     auto* self = static_cast<CommandLineSrv*>(param);
     char byte = 0;
     for (;;) {
-        const ssize_t got = read(g_sigQuitPipe[0], &byte, 1);
+        const ssize_t got = read(g_stopSignalPipe[0], &byte, 1);
         if (got == 1) {
             self->stopAndExit();
         } else if (got == 0 || errno != EINTR) {
@@ -140,7 +143,7 @@ void* CommandLineSrv::sigQuitLoop(void* param) {
     }
 }
 
-void CommandLineSrv::run(int argc, char** argv) {
+int CommandLineSrv::run(int argc, char** argv) {
     consolePrint("vrec, Ver: %s\nCompiled at: %s\n%s\n\n", kVersion, kBuildTime, kMaker);
 
     optind = 0;  // full re-initialisation of the parser
@@ -150,13 +153,22 @@ void CommandLineSrv::run(int argc, char** argv) {
     }
     checkOptions();
 
+    // Before anything reaches the module: a second run must leave the first one's ports
+    // alone, and a stop must be heard from the first frame of the start on.
+    if (!claimControlPort()) {
+        consolePrint(
+            "ERROR: another capture is running; stop it with vrec -s before starting a new "
+            "one.\n");
+        return 1;
+    }
+    if (control == Control::Held) {
+        Start();
+    }
     if (startLog(options)) {
         consolePrint("INFO: Wait for settings to take effect.\nDone.\n");
-        return;
+        return startSucceeded ? 0 : 1;
     }
 
-    Initialize(kControlPort);
-    Start();
     consolePrint("%sINFO: Use vrec -s or press Ctrl+C to stop log capture.\n", kLineClear);
     bool capturing = false;
     {
@@ -171,9 +183,38 @@ void CommandLineSrv::run(int argc, char** argv) {
         }
         consolePrint("\nvrec now is running in the background.\n");
     }
+    announceStarted();
     for (;;) {
         sleep(1);
     }
+}
+
+bool CommandLineSrv::claimControlPort() {
+    if (control == Control::Unclaimed) {
+        int error = 0;
+        if (Bind(kControlPort, htonl(INADDR_LOOPBACK), &error)) {
+            control = Control::Held;
+        } else if (error == EADDRINUSE) {
+            control = Control::Taken;
+        } else {
+            // The capture goes on without the channel; the stop signals still reach it.
+            DIAG_LOG(LOG_ERRO, "control port: %s", strerror(error));
+            consolePrint("bind error in UDP Initialize");
+            control = Control::Unavailable;
+        }
+    }
+    return control != Control::Taken;
+}
+
+void CommandLineSrv::announceStarted() {
+    if (startNotice == -1) {
+        return;
+    }
+    const char byte = 'u';
+    ssize_t ignored = write(startNotice, &byte, 1);
+    (void)ignored;
+    close(startNotice);
+    startNotice = -1;
 }
 
 void CommandLineSrv::applyOption(int option, const char* argument) {
@@ -191,11 +232,17 @@ void CommandLineSrv::applyOption(int option, const char* argument) {
             options.mode = CAPTURE_IMC;
             options.state = 3;
             break;
+        // A port named on the command line opens at once, unless another run holds the
+        // control port: this run then ends before it touches that run's ports.
         case 'p':
-            PortMgnt::getInstance()->openPcuiPortByName(argument);
+            if (claimControlPort()) {
+                PortMgnt::getInstance()->openPcuiPortByName(argument);
+            }
             break;
         case 'd':
-            PortMgnt::getInstance()->openDiagPortByName(argument);
+            if (claimControlPort()) {
+                PortMgnt::getInstance()->openDiagPortByName(argument);
+            }
             break;
         case 'l': {
             const std::string where = argument;
@@ -205,7 +252,9 @@ void CommandLineSrv::applyOption(int option, const char* argument) {
                 options.saveLocation = SAVE_FLASH;
             } else {
                 options.saveLocation = SAVE_HOST;
-                PortMgnt::getInstance()->setSavePath(where);
+                if (!PortMgnt::getInstance()->setSavePath(where)) {
+                    exit(1);  // said why; nothing has been sent to the module
+                }
             }
             break;
         }
@@ -297,14 +346,31 @@ bool CommandLineSrv::startLog(CaptureOptions& runOptions) {
     DIAG_LOG(LOG_INFO, "Compiled at: %s", kBuildTime);
     DIAG_LOG(LOG_INFO, "%s", kMaker);
 
-    // A stop that comes while the mode starts waits for the start to finish, so that it
-    // never tears the mode down under it.
-    std::lock_guard<std::mutex> lock(stopLock);
-    current = g_factory ? g_factory(runOptions) : makeDefaultImpl(runOptions);
-    if (!current || !current->startLog(runOptions)) {
-        return true;
+    LogInterface* mode = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(stopLock);
+        if (stopping) {
+            finishStop();  // stopped before the start: nothing has reached the module
+        }
+        current = g_factory ? g_factory(runOptions) : makeDefaultImpl(runOptions);
+        mode = current.get();
+        phase = Phase::Starting;
     }
-    return !staysAlive(runOptions);
+    // Not under the lock: a stop that comes now runs the mode's stopLog beside the start,
+    // which ends the start at its next step.
+    const bool started = mode != nullptr && mode->startLog(runOptions);
+    const bool ends = !started || !staysAlive(runOptions);
+    std::unique_lock<std::mutex> lock(stopLock);
+    startSucceeded = started;
+    phase = ends ? Phase::Finishing : Phase::Running;
+    startEnded.notify_all();
+    if (stopping) {
+        lock.unlock();
+        for (;;) {
+            sleep(1);  // the stop sequence ends the process
+        }
+    }
+    return ends;
 }
 
 void CommandLineSrv::showUsage() {
@@ -320,7 +386,12 @@ void CommandLineSrv::showUsage() {
     consolePrint("%s", text.c_str());
 }
 
-void CommandLineSrv::OnReceive(const sockaddr_in* /*from*/, const char* data, int length) {
+void CommandLineSrv::OnReceive(const sockaddr_in* from, const char* data, int length) {
+    // Only a program on this host may stop the capture: the port listens on the loopback
+    // address alone, and a sender from another address is not heard either.
+    if (from == nullptr || (ntohl(from->sin_addr.s_addr) >> 24) != IN_LOOPBACKNET) {
+        return;
+    }
     // The buffer holds no terminator when the datagram filled it, so search by length.
     const char* end = data + length;
     static const char kStop[] = "stop";
@@ -330,12 +401,26 @@ void CommandLineSrv::OnReceive(const sockaddr_in* /*from*/, const char* data, in
 }
 
 void CommandLineSrv::stopAndExit() {
-    std::lock_guard<std::mutex> lock(stopLock);
-    if (!current) {
+    std::unique_lock<std::mutex> lock(stopLock);
+    if (stopping || phase == Phase::Finishing) {
         return;
     }
-    current->stopLog();
+    stopping = true;
+    if (phase == Phase::Preparing) {
+        return;  // a run that gets to its start ends there instead
+    }
+    LogInterface* mode = current.get();
+    lock.unlock();
+    if (mode != nullptr) {
+        mode->stopLog();
+    }
+    lock.lock();
+    startEnded.wait(lock, [this] { return phase != Phase::Starting; });
     current.reset();
+    finishStop();
+}
+
+void CommandLineSrv::finishStop() {
     consolePrint("\nINFO: Stop capturing log.\n");
     DiagLog::destroyDiagLog();
     exit(1);
@@ -356,11 +441,50 @@ void CommandLineSrv::sendCommand(const char* text) {
     sleep(1);
 }
 
-int vrecMain(int argc, char** argv) {
-    // The run goes on in a child; the parent, and a failed fork, end here quietly.
-    if (fork() != 0) {
+namespace {
+
+// The launching process's end: status 0 once the run says it is up, else the run's own.
+int launcherStatus(pid_t run, int startNotice) {
+    char byte = 0;
+    ssize_t got = 0;
+    do {
+        got = read(startNotice, &byte, 1);
+    } while (got < 0 && errno == EINTR);
+    if (got == 1) {
         return 0;
     }
-    CommandLineSrv::getInstance()->run(argc, argv);
-    return 0;
+    int status = 0;
+    pid_t ended = 0;
+    do {
+        ended = waitpid(run, &status, 0);
+    } while (ended < 0 && errno == EINTR);
+    return ended == run && WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}
+
+}  // namespace
+
+int vrecMain(int argc, char** argv) {
+    int notice[2] = {-1, -1};
+    if (pipe2(notice, O_CLOEXEC) != 0) {
+        notice[0] = notice[1] = -1;
+    }
+    const pid_t run = fork();
+    if (run < 0) {
+        close(notice[0]);
+        close(notice[1]);
+        return 1;
+    }
+    if (run > 0) {
+        close(notice[1]);
+        if (notice[0] == -1) {
+            return 0;  // nothing to wait on: the run is on its own, as it always was
+        }
+        const int status = launcherStatus(run, notice[0]);
+        close(notice[0]);
+        return status;
+    }
+    close(notice[0]);
+    CommandLineSrv* commandLine = CommandLineSrv::getInstance();
+    commandLine->setStartNotice(notice[1]);
+    return commandLine->run(argc, argv);
 }

@@ -13,7 +13,11 @@ public:
 
     // Binds a socket to the port on all local addresses.
     bool Initialize(unsigned short port);
-    // Starts the receive thread, which ends at the first empty datagram or error.
+    // Binds a socket to the port on one address, quietly; on failure `error` holds the
+    // system's error number.
+    bool Bind(unsigned short port, in_addr_t address, int* error);
+    // Starts the receive thread. It ends only when the socket is gone: an empty datagram
+    // or a failed receive leaves the channel open.
     bool Start();
     int SendTo(const sockaddr_in* to, const char* data, int length);
 

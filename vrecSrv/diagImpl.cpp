@@ -11,14 +11,20 @@ DiagImpl::~DiagImpl() { DIAG_TRACE(); }
 bool DiagImpl::startLog(const CaptureOptions& options) {
     DIAG_TRACE();
     DiagService* diag = DiagService::getInstance();
-    diag->setChipType(options.mode == CAPTURE_IMC ? CHIP_IMC : CHIP_QUALCOMM);
-    diag->setTotalSize(static_cast<uint32_t>(options.totalSize));
-    diag->setCycleSize(static_cast<uint32_t>(options.cycleSize));
-    setReport(options.reportStep != 0, options.reportStep);
-    diag->setOverwrite(options.overwrite);
-    // The reader runs before the first command leaves, so the module's answers are logged.
-    if (!PortMgnt::getInstance()->startReadDiag()) {
-        return false;
+    {
+        std::lock_guard<std::mutex> lock(setupLock);
+        if (stopped) {
+            return true;  // stopped before it began: the module is left alone
+        }
+        diag->setChipType(options.mode == CAPTURE_IMC ? CHIP_IMC : CHIP_QUALCOMM);
+        diag->setTotalSize(static_cast<uint32_t>(options.totalSize));
+        diag->setCycleSize(static_cast<uint32_t>(options.cycleSize));
+        setReport(options.reportStep != 0, options.reportStep);
+        diag->setOverwrite(options.overwrite);
+        // The reader runs before the first command leaves, so the module's answers are logged.
+        if (!PortMgnt::getInstance()->startReadDiag()) {
+            return false;
+        }
     }
     diag->sendStartCmds();
     return true;
@@ -26,6 +32,10 @@ bool DiagImpl::startLog(const CaptureOptions& options) {
 
 bool DiagImpl::stopLog() {
     DIAG_TRACE();
+    {
+        std::lock_guard<std::mutex> lock(setupLock);
+        stopped = true;
+    }
     // Stop commands go out while the reader still runs, so their answers land in the log.
     DiagService::getInstance()->sendStopCmds();
     return PortMgnt::getInstance()->stopReadDiag();

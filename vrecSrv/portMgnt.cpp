@@ -1,12 +1,19 @@
 #include "portMgnt.h"
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 
 #include "console.h"
 #include "diagLog.h"
 #include "diagService.h"
 #include "fileSystem.h"
 #include "portDiscovery.h"
+#include "portHolders.h"
 #include "serialport.h"
 
 namespace {
@@ -125,11 +132,26 @@ std::string PortMgnt::getPcuiPortName() {
 
 bool PortMgnt::openInto(const std::string& name, int& handle) {
     releaseHandle(handle);
+    warnOtherHolders(name);
     if (OS_ADAPT_Open(name.c_str(), &handle) != OS_ADAPT_SUCCESS) {
         handle = -1;
         return false;
     }
     return true;
+}
+
+void PortMgnt::warnOtherHolders(const std::string& name) {
+    for (const PortHolder& holder : OS_ADAPT_FindPortHolders(name)) {
+        if (!warnedHolders.emplace(name, holder.pid).second) {
+            continue;
+        }
+        DIAG_LOG(LOG_WARN, "%s is also open in %s (pid %d)", name.c_str(), holder.command.c_str(),
+                 static_cast<int>(holder.pid));
+        consolePrint(
+            "%sWARNING: %s is also open in %s (pid %d), which may take part of what the module "
+            "sends.\n",
+            kLineClear, name.c_str(), holder.command.c_str(), static_cast<int>(holder.pid));
+    }
 }
 
 void PortMgnt::releaseHandle(int& handle) {
@@ -150,6 +172,10 @@ void PortMgnt::releaseHandle(int& handle) {
 
 bool PortMgnt::openPort(const std::string& name) {
     DIAG_LOG(LOG_INFO, "open port name: %s", name.c_str());
+    {
+        std::lock_guard<std::recursive_mutex> lock(handleLock);
+        warnOtherHolders(name);
+    }
     int handle = -1;
     if (OS_ADAPT_Open(name.c_str(), &handle) != OS_ADAPT_SUCCESS) {
         DIAG_LOG(LOG_ERRO, "port open failed.");
@@ -341,18 +367,34 @@ bool PortMgnt::closePcuiPort() {
     return true;
 }
 
-void PortMgnt::setSavePath(const std::string& path) {
+bool PortMgnt::setSavePath(const std::string& path) {
     DIAG_LOG(LOG_INFO, "file path: %s", path.c_str());
     const std::string normalised = CDirectory::NormalisePath(path);
-    if (!CDirectory::Exists(normalised)) {
+    std::error_code error;
+    if (!std::filesystem::is_directory(normalised, error)) {
         DIAG_LOG(LOG_INFO, "create dir %s", normalised.c_str());
-        if (!CDirectory::Create(normalised)) {
-            DIAG_LOG(LOG_INFO, "create dir failed.");
-            return;
+        // A file in the way is named as what it is, not as a name that exists.
+        if (std::filesystem::exists(normalised, error)) {
+            error = std::make_error_code(std::errc::not_a_directory);
+        } else {
+            std::filesystem::create_directories(normalised, error);
         }
+        if (error) {
+            DIAG_LOG(LOG_ERRO, "create dir failed: %s", error.message().c_str());
+            consolePrint("ERROR: can't create the log directory %s: %s\n", normalised.c_str(),
+                         error.message().c_str());
+            return false;
+        }
+    } else if (access(normalised.c_str(), W_OK | X_OK) != 0) {
+        const char* reason = strerror(errno);
+        DIAG_LOG(LOG_ERRO, "dir %s is not writable: %s", normalised.c_str(), reason);
+        consolePrint("ERROR: can't write into the log directory %s: %s\n", normalised.c_str(),
+                     reason);
+        return false;
     }
     std::lock_guard<std::recursive_mutex> lock(handleLock);
     savePath = normalised;
+    return true;
 }
 
 std::string PortMgnt::getSavePath() const {

@@ -1,10 +1,13 @@
 #ifndef VREC_SRV_PORTMGNT_H
 #define VREC_SRV_PORTMGNT_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <list>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -47,7 +50,9 @@ public:
     bool closeDiagPort();
     bool closePcuiPort();
 
-    void setSavePath(const std::string& path);
+    // Creates the directory with its parents where it is missing; false, after an ERROR
+    // line naming the path and the reason, where it cannot be made or written into.
+    bool setSavePath(const std::string& path);
     std::string getSavePath() const;
 
     bool isPcuiAsDiag() const;
@@ -68,6 +73,9 @@ private:
                const char* side);
     // Closes a handle once, also where both sides share the descriptor.
     void releaseHandle(int& handle);
+    // Names, once each, the other processes that have the port open: they would take bytes
+    // of the stream or answers meant for this run.
+    void warnOtherHolders(const std::string& name);
 
     // Handles change under this lock so that a regain on one thread and a close on another
     // never close a descriptor twice nor lend one that was closed.
@@ -82,6 +90,7 @@ private:
     const std::vector<std::string> pcuiKeywords;
     std::string savePath;
     std::map<std::string, int32_t> portTypes;
+    std::set<std::pair<std::string, pid_t>> warnedHolders;
 };
 
 #endif

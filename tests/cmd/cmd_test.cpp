@@ -2,10 +2,14 @@
 // starts, so its runs stay up and the stop channel and SIGQUIT can be driven against them.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cstring>
 
 #include <memory>
 #include <string>
@@ -101,19 +105,46 @@ void expectStopped(BackgroundRun& run) {
     EXPECT_TRUE(endsWith(run.output(), kRunning + kStopped)) << run.output() << run.errors();
 }
 
-void sendToControlPort(const std::string& bytes) {
+sockaddr_in ipv4(const char* address, unsigned short port) {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_port = htons(port);
+    inet_pton(AF_INET, address, &result.sin_addr);
+    return result;
+}
+
+// `bytes` to port 52888 of `to`, sent from `from` where given.
+void sendToControlPort(const std::string& bytes, const char* to = "127.0.0.1",
+                       const char* from = nullptr) {
     const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(52888);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(
-        static_cast<ssize_t>(bytes.size()),
-        sendto(sock, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)));
+    if (from != nullptr) {
+        const sockaddr_in local = ipv4(from, 0);
+        ASSERT_EQ(0, bind(sock, reinterpret_cast<const sockaddr*>(&local), sizeof(local)))
+            << strerror(errno);
+    }
+    const sockaddr_in target = ipv4(to, 52888);
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()),
+              sendto(sock, bytes.data(), bytes.size(), 0,
+                     reinterpret_cast<const sockaddr*>(&target), sizeof(target)));
     close(sock);
 }
 
+// A second address on the loopback interface of this test's own network namespace.
+bool addLoopbackAlias(const char* address) {
+    const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq ifr{};
+    strncpy(ifr.ifr_name, "lo:1", IFNAMSIZ - 1);
+    const sockaddr_in in = ipv4(address, 0);
+    memcpy(&ifr.ifr_addr, &in, sizeof(in));
+    const bool added = ioctl(sock, SIOCSIFADDR, &ifr) == 0;
+    close(sock);
+    return added;
+}
+
 TEST(CommandLine, OptionLinesWarningsAndStatuses) {
+    // Each run that gets to its start takes the control port, so runs side by side need a
+    // network of their own; where there is none they go one by one.
+    const bool ownNetworks = testkit::isolateNetwork();
     TempDir dir;
     const std::string on = "INFO: Reporting size of log file is ON .\n";
     const std::string cycle20 = "INFO:the log saving cycle is set to 20 MB.\n";
@@ -127,34 +158,44 @@ TEST(CommandLine, OptionLinesWarningsAndStatuses) {
         // Options act as they are read: the line of the first -t comes, the second -t and
         // the checks after the last option never do.
         {{"-t", "5", "-h", "-t", "6"}, "INFO:the max size of log size is set to 5MB.\n" + kUsage},
-        {{}, kOverwrite},
+        // No module is attached: every capture fails to start, and the status says so.
+        {{}, kOverwrite, 1},
         {{"-t", "0", "-u", "A1", "-r", "0", "-r", "1", "-r", "2000000", "-o", "0"},
-         "INFO: file subitem is A1 .\nINFO: Reporting size of log file is OFF .\n" + on + on},
+         "INFO: file subitem is A1 .\nINFO: Reporting size of log file is OFF .\n" + on + on,
+         1},
         {{"-t", "10", "-c", "20"},
          "INFO:the max size of log size is set to 10MB.\n" + cycle20 + kOverwrite +
              "WARNING: the max log saving size is less than the size of saving cycle.\n"
-             "\t\t\tuse twice cycle size as max log size instead. "},
+             "\t\t\tuse twice cycle size as max log size instead. ",
+         1},
         {{"-t", "20", "-c", "20", "-o", "0"},
-         "INFO:the max size of log size is set to 20MB.\n" + cycle20},
-        {{"-m", "3", "-i", "-c", "5", "-o", "0"}, "INFO:the log saving cycle is set to 5 MB.\n"},
+         "INFO:the max size of log size is set to 20MB.\n" + cycle20,
+         1},
+        {{"-m", "3", "-i", "-c", "5", "-o", "0"}, "INFO:the log saving cycle is set to 5 MB.\n", 1},
         // An export stays up, so -v ends this run once the names are taken.
         {{"-f", "logsave_3", "-f", "LOGSAVE_X", "--file", "Dump1", "-f", "*", "-v"},
          "INFO: Log file logsave_3 request\nINFO: Log file logsave_x request\n"
          "INFO: Dump file dump1 request\nINFO: Log and dump files request\n"},
         {{"-f", "log", "-t", "5"}, "ERROR: only log(logsave*) and dump(dump*) can be exported!", 1},
         // The last run alone has the option parser speak, on stderr.
-        {{"-x", "stray", "--pcuiport", "x", "-o", "0", "-t"}, ""},
+        {{"-x", "stray", "--pcuiport", "x", "-o", "0", "-t"}, "", 1},
     };
     // Side by side: a sanitized build takes some tenths of a second to leave each process.
     std::vector<std::unique_ptr<BackgroundRun>> runs;
     for (const Case& c : cases) {
-        runs.push_back(std::make_unique<BackgroundRun>(withProgram(kVrec, c.args), dir.path()));
+        runs.push_back(std::make_unique<BackgroundRun>(
+            withProgram(kVrec, c.args), dir.path(),
+            ownNetworks ? BackgroundRun::Network::Own : BackgroundRun::Network::Shared));
+        if (!ownNetworks) {
+            runs.back()->waitForEof();
+        }
     }
     std::string lastErrors;
     for (size_t i = 0; i < runs.size(); ++i) {
         const Case& c = cases[i];
         SCOPED_TRACE("vrec " + ::testing::PrintToString(c.args));
-        EXPECT_EQ(0, runs[i]->launcherStatus());
+        // The launcher waits for the run and reports how it went.
+        EXPECT_EQ(c.status, runs[i]->launcherStatus());
         EXPECT_EQ(c.status, runs[i]->childStatus());
         // A run that reached the capture mode ends with what the mode says about its start,
         // opening with the line-clearing string, and the two closing lines.
@@ -187,45 +228,68 @@ TEST(StopClient, NobodyListening) {
     EXPECT_EQ(kSent, afterBanner(client.output()));
 }
 
-TEST(StayUp, VrecStopEndsTheCaptureThatHoldsTheChannel) {
+TEST(StayUp, OneCaptureAtATimeAndVrecStopEndsIt) {
     testkit::isolateNetwork();
     TempDir firstDir;
     TempDir secondDir;
     auto first = stayingUp({}, firstDir.path());
     EXPECT_EQ(0, first->launcherStatus());
-    auto second = stayingUp({}, secondDir.path());
-    EXPECT_TRUE(endsWith(second->output(), "bind error in UDP Initialize" + kStaying))
-        << second->output();
+    BackgroundRun second(withProgram(kStayUp, {}), secondDir.path());
+    EXPECT_EQ(1, second.launcherStatus());
+    EXPECT_EQ(1, second.childStatus());
+    EXPECT_EQ(kOverwrite +
+                  "ERROR: another capture is running; stop it with vrec -s before starting a new "
+                  "one.\n",
+              afterBanner(second.output()));
 
     std::string out;
     EXPECT_EQ(0, testkit::runToEnd({kVrec, "-s"}, secondDir.path(), &out));
     EXPECT_EQ(kSent, afterBanner(out));
     expectStopped(*first);
-    EXPECT_EQ(-1, second->childStatus(100));  // not stopped: a stop takes far less
-    kill(second->childPid(), SIGQUIT);
-    expectStopped(*second);
 }
 
 TEST(StayUp, DatagramsOnTheStopChannel) {
-    testkit::isolateNetwork();
+    const bool ownNetwork = testkit::isolateNetwork();
     TempDir dir;
     auto capture = stayingUp({}, dir.path());
     // A full buffer carries no terminator; a "stop" past 2048 bytes is cut off by the read.
+    // An empty datagram carries nothing and leaves the channel open.
     sendToControlPort(std::string(2048, 'x'));
     sendToControlPort(std::string(2500, 'x') + "stop");
+    sendToControlPort("");
     EXPECT_EQ(-1, capture->childStatus(300));
     sendToControlPort(std::string(2037, ' ') + "please stop");
     expectStopped(*capture);
 
-    // An empty datagram closes the channel; the client cannot tell, SIGQUIT still stops.
     capture = stayingUp({"-r", "0"}, dir.path());
     sendToControlPort("");
     std::string out;
     testkit::runToEnd({kVrec, "-s"}, dir.path(), &out);
     EXPECT_EQ(kSent, afterBanner(out));
-    EXPECT_EQ(-1, capture->childStatus(100));
-    kill(capture->childPid(), SIGQUIT);
     expectStopped(*capture);
+
+    // Only this host's loopback reaches the channel: neither a datagram to another address
+    // nor one from another address stops the capture.
+    if (!ownNetwork || !addLoopbackAlias("10.77.0.1")) {
+        GTEST_SKIP() << "no network namespace of our own to add an address in";
+    }
+    capture = stayingUp({}, dir.path());
+    sendToControlPort("stop", "10.77.0.1", "10.77.0.1");
+    sendToControlPort("stop", "127.0.0.1", "10.77.0.1");
+    EXPECT_EQ(-1, capture->childStatus(300));
+    sendToControlPort("stop", "127.0.0.1", "127.0.0.1");
+    expectStopped(*capture);
+}
+
+TEST(StayUp, StopSignals) {
+    testkit::isolateNetwork();
+    TempDir dir;
+    for (const int signal : {SIGQUIT, SIGTERM}) {
+        SCOPED_TRACE(strsignal(signal));
+        auto capture = stayingUp({}, dir.path());
+        kill(capture->childPid(), signal);
+        expectStopped(*capture);
+    }
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -31,7 +32,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Children of this process in process group `group`.
+// Processes of group `group` forked by this process or by the group's leader.
 std::vector<pid_t> childrenInGroup(pid_t group) {
     std::vector<pid_t> found;
     for (const std::string& name : listDir("/proc")) {
@@ -42,18 +43,24 @@ std::vector<pid_t> childrenInGroup(pid_t group) {
         int pgrp = 0;
         if (close != std::string::npos &&
             sscanf(stat.c_str() + close + 1, " %*c %d %d", &ppid, &pgrp) == 2 && pgrp == group &&
-            ppid == getpid()) {
+            (ppid == getpid() || ppid == group)) {
             found.push_back(pid);
         }
     }
     return found;
 }
 
-// Collects `pid` once it has ended; false if it still runs after `timeoutMs`.
-bool reap(pid_t pid, bool* done, int* exitStatus, int timeoutMs) {
+// Collects `pid` once it has ended; false if it still runs after `timeoutMs`. A process
+// that another one collected before us ends with `collected`, where that is given.
+bool reap(pid_t pid, bool* done, int* exitStatus, int timeoutMs, const int* collected = nullptr) {
     const auto ended = [&] {
         int status = 0;
-        if (waitpid(pid, &status, WNOHANG) != pid) {
+        const pid_t got = waitpid(pid, &status, WNOHANG);
+        if (got == -1 && errno == ECHILD && collected != nullptr) {
+            *exitStatus = *collected;
+            return *done = true;
+        }
+        if (got != pid) {
             return false;
         }
         *exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -2;
@@ -200,17 +207,22 @@ int openDescriptorCount() {
     return static_cast<int>(listDir("/proc/self/fd").size()) - 1;
 }
 
+bool enterOwnNetwork() {
+    if (unshare(CLONE_NEWNET) != 0) {
+        return false;
+    }
+    const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq ifr{};
+    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
+    const bool up = sock >= 0 && ioctl(sock, SIOCGIFFLAGS, &ifr) == 0 &&
+                    (ifr.ifr_flags |= IFF_UP, ioctl(sock, SIOCSIFFLAGS, &ifr) == 0);
+    close(sock);
+    return up;
+}
+
 bool isolateNetwork() {
-    if (unshare(CLONE_NEWNET) == 0) {
-        const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        ifreq ifr{};
-        strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-        const bool up = sock >= 0 && ioctl(sock, SIOCGIFFLAGS, &ifr) == 0 &&
-                        (ifr.ifr_flags |= IFF_UP, ioctl(sock, SIOCSIFFLAGS, &ifr) == 0);
-        close(sock);
-        if (up) {
-            return true;
-        }
+    if (enterOwnNetwork()) {
+        return true;
     }
     static int lockFd = open("/tmp/vrec-tests-udp.lock", O_CREAT | O_RDWR | O_CLOEXEC, 0666);
     if (lockFd >= 0) {
@@ -227,7 +239,8 @@ std::string builtProgram(const std::string& relative) {
     return std::string(VREC_BINARY_DIR) + "/" + relative;
 }
 
-BackgroundRun::BackgroundRun(const std::vector<std::string>& argv, const std::string& cwd) {
+BackgroundRun::BackgroundRun(const std::vector<std::string>& argv, const std::string& cwd,
+                             Network network) {
     becomeSubreaper();
     // Files, not pipes: what a run printed stays readable after it ended, and the launcher
     // and its child write through one shared offset.
@@ -241,7 +254,7 @@ BackgroundRun::BackgroundRun(const std::vector<std::string>& argv, const std::st
     launcher = fork();
     if (launcher == 0) {
         setpgid(0, 0);
-        if (chdir(cwd.c_str()) != 0) {
+        if ((network == Network::Own && !enterOwnNetwork()) || chdir(cwd.c_str()) != 0) {
             _exit(126);
         }
         dup2(out, STDOUT_FILENO);
@@ -292,11 +305,15 @@ pid_t BackgroundRun::childPid(int timeoutMs) {
 int BackgroundRun::childStatus(int timeoutMs) {
     const auto start = Clock::now();
     const auto left = [&] { return static_cast<int>(std::max(0L, timeoutMs - msSince(start))); };
-    if (!reap(launcher, &launcherDone, &launcherExit, timeoutMs) || childPid(left()) <= 0 ||
-        !reap(child, &childDone, &childExit, left())) {
+    if (!reap(launcher, &launcherDone, &launcherExit, timeoutMs)) {
         return -1;
     }
-    return childExit;
+    // A launcher that waited for the end of its child has collected it and passed its
+    // status on; otherwise the child is ours now.
+    if (childPid(0) <= 0) {
+        return launcherExit;
+    }
+    return reap(child, &childDone, &childExit, left(), &launcherExit) ? childExit : -1;
 }
 
 bool BackgroundRun::waitForOutput(const std::string& needle, int timeoutMs) {

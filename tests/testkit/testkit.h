@@ -81,6 +81,8 @@ int openDescriptorCount();  // of this process
 // Gives the process a network namespace with loopback up (true), so that the fixed UDP ports
 // never collide between tests run in parallel; else takes a machine-wide lock until the end.
 bool isolateNetwork();
+// Only the namespace: false where the process may not have one.
+bool enterOwnNetwork();
 
 // Makes this process the reaper of the background run that vrec forks off.
 void becomeSubreaper();
@@ -91,12 +93,17 @@ std::string builtProgram(const std::string& relative);
 // One run of a program that may fork itself into the background, as vrec does.
 class BackgroundRun {
 public:
-    BackgroundRun(const std::vector<std::string>& argv, const std::string& cwd);
+    // `Own`: the run gets a network namespace of its own, for runs side by side that each
+    // take the fixed UDP ports; the launch fails where that is not permitted.
+    enum class Network { Shared, Own };
+    BackgroundRun(const std::vector<std::string>& argv, const std::string& cwd,
+                  Network network = Network::Shared);
     ~BackgroundRun();  // kills whatever of the run is still alive
     BackgroundRun(const BackgroundRun&) = delete;
     BackgroundRun& operator=(const BackgroundRun&) = delete;
 
-    // Exit status of the launched process; -1 on time-out, -2 if it died of a signal.
+    // Exit status of the launched process, which ends once the run is up or over; -1 on
+    // time-out, -2 if it died of a signal.
     int launcherStatus(int timeoutMs = 10000);
     // Exit status of the forked child, the same way.
     int childStatus(int timeoutMs = 10000);
