@@ -1,14 +1,11 @@
 // How a run begins and ends around other runs and processes: stops that come during the
 // start, a second run while one captures, other holders of the port, the log directory.
 // vrec runs against the module simulator, whose record tells what reached the module.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -77,16 +74,6 @@ std::unique_ptr<BackgroundRun> launch(const std::string& cwd, const Args& args) 
     return std::make_unique<BackgroundRun>(vrecWith(args), cwd);
 }
 
-void sendStopDatagram() {
-    const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(52888);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(5, sendto(sock, "stop", 5, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)));
-    close(sock);
-}
-
 // `vrec -s` from `cwd`; the exit status of `capture`.
 int stopCapture(BackgroundRun& capture, const std::string& cwd) {
     std::string out;
@@ -99,22 +86,19 @@ int stopCapture(BackgroundRun& capture, const std::string& cwd) {
 // says it runs in the background.
 TEST(RunControl, StopDuringTheStartTableEndsItAtTheNextFrame) {
     testkit::isolateNetwork();
-    Args table;
-    for (const std::string& request : diagreq::qualcommStartRequests()) {
-        table.push_back(recorded(request));
-    }
-    Args stopFrames;
-    for (const std::string& request : diagreq::qualcommStopRequests()) {
-        stopFrames.push_back(recorded(request));
-    }
+    Args table = diagreq::qualcommStartRequests();
+    Args stopFrames = diagreq::qualcommStopRequests();
+    std::transform(table.begin(), table.end(), table.begin(), recorded);
+    std::transform(stopFrames.begin(), stopFrames.end(), stopFrames.begin(), recorded);
     for (const int how : {0, SIGQUIT, SIGTERM}) {
         SCOPED_TRACE(how == 0 ? "stop datagram" : strsignal(how));
         Module module(false);
         auto vrec = launch(module.path(), {"-d", "./diag", "-r", "0"});
         ASSERT_TRUE(waitFor([&] { return module.arrived("diag").size() >= 100; }, 5000));
         const auto stopped = Clock::now();
+        std::unique_ptr<BackgroundRun> client;
         if (how == 0) {
-            sendStopDatagram();
+            client = launch(module.path(), {"-s"});
         } else {
             ASSERT_GT(vrec->childPid(), 0);
             kill(vrec->childPid(), how);
