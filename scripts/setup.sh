@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # Installs what this project needs to build and test, and only what the machine lacks.
+# Debian packages named as arguments are installed too where missing, for instance
+#   scripts/setup.sh g++-aarch64-linux-gnu qemu-user-static      (what scripts/cross.sh needs)
 set -euo pipefail
 
 missing=()
@@ -14,6 +16,12 @@ have_pkg libgmock-dev || missing+=(libgmock-dev)
 have_cmd ip || missing+=(iproute2)
 # Wireshark's command-line reader: the tests of vrec-decode read its pcapng files with it.
 have_cmd tshark || missing+=(tshark)
+have_cmd clang++ || missing+=(clang)
+have_cmd dpkg-shlibdeps || missing+=(dpkg-dev)
+have_cmd man || missing+=(man-db)
+for package in "$@"; do
+    have_pkg "$package" || missing+=("$package")
+done
 
 if [ ${#missing[@]} -gt 0 ]; then
     echo "Installing: ${missing[*]}"

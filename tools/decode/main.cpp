@@ -30,6 +30,7 @@ const char* const kUsage =
     "                    from its current end, until interrupted\n"
     "  --from-start      with --follow: read what DIR already holds first\n"
     "  --strict          exit 1 when anything was skipped\n"
+    "  --version         the version\n"
     "A summary of what was written and skipped goes to standard error.\n"
     "Exit status: 0 done, 1 something skipped with --strict, 2 bad usage or a failure.\n";
 
@@ -46,6 +47,7 @@ struct Options {
     std::string follow;
     bool fromStart = false;
     bool strict = false;
+    bool version = false;
     std::vector<std::string> files;
 };
 
@@ -67,6 +69,9 @@ int parse(int argc, char** argv, Options* options, bool* help) {
         };
         if (arg == "-h" || arg == "--help") {
             *help = true;
+            return 0;
+        } else if (arg == "--version") {
+            options->version = true;
             return 0;
         } else if (arg == "-o" || arg == "--output") {
             if (!value(&options->pcapng)) {
@@ -159,6 +164,10 @@ int main(int argc, char** argv) {
     }
     if (help) {
         fputs(kUsage, stdout);
+        return 0;
+    }
+    if (options.version) {
+        printf("vrec-decode %s\n", VREC_VERSION);
         return 0;
     }
 

@@ -19,6 +19,7 @@ const char* const kUsage =
     "written, so a frame cut at an item boundary counts once.\n"
     "  --each     check every file on its own\n"
     "  --strict   count a cut frame at the start or the end of the stream as corruption\n"
+    "  --version  the version\n"
     "Exit status: 0 whole, 1 corruption or a gap, 2 bad usage or an unreadable file.\n";
 
 bool feedFile(const std::string& path, vtools::CaptureCheck& check, uint64_t* size) {
@@ -99,6 +100,9 @@ int main(int argc, char** argv) {
             each = true;
         } else if (arg == "-h" || arg == "--help") {
             fputs(kUsage, stdout);
+            return 0;
+        } else if (arg == "--version") {
+            printf("vrec-inspect %s\n", VREC_VERSION);
             return 0;
         } else if (arg.size() > 1 && arg[0] == '-') {
             fprintf(stderr, "vrec-inspect: unknown option %s\n%s", arg.c_str(), kUsage);

@@ -125,6 +125,7 @@ const char* simUsage() {
            "  --protocol-roles       interfaces state their role in bInterfaceProtocol\n"
            "                         (default FF: the interface number decides)\n"
            "  --tty-base N           ttyUSB number of interface 0 (default 0)\n"
+           "  --help, --version      this text; the version\n"
            "The byte counts (offered, written, dropped) are printed on exit, on SIGUSR1 and on\n"
            "\"stats\". SIGINT or SIGTERM end the run.\n";
 }
@@ -152,7 +153,8 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
         kProduct,
         kProtocol,
         kTtyBase,
-        kHelp
+        kHelp,
+        kVersion
     };
     static const option kLong[] = {{"diag", required_argument, nullptr, kDiag},
                                    {"pcui", required_argument, nullptr, kPcui},
@@ -176,6 +178,7 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                                    {"protocol-roles", no_argument, nullptr, kProtocol},
                                    {"tty-base", required_argument, nullptr, kTtyBase},
                                    {"help", no_argument, nullptr, kHelp},
+                                   {"version", no_argument, nullptr, kVersion},
                                    {nullptr, 0, nullptr, 0}};
     optind = 1;
     opterr = 0;
@@ -267,6 +270,9 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
             case 'h':
             case kHelp:
                 fputs(simUsage(), stdout);
+                return 1;
+            case kVersion:
+                printf("vrec-modemsim %s\n", VREC_VERSION);
                 return 1;
             default:
                 fprintf(stderr, "vrec-modemsim: bad option %s\n%s", argv[optind - 1], simUsage());

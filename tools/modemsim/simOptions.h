@@ -23,7 +23,7 @@ struct Fault {
     std::string port;
     std::string text;
     long value = 0;
-    long afterMs = 0;  // "@MS": from the command line, the fault waits this long
+    long afterMs = 0;   // "@MS": from the command line, the fault waits this long
     std::string given;  // as given, for the record
 };
 
@@ -50,7 +50,7 @@ struct SimOptions {
 };
 
 const char* simUsage();
-// 0: run; 1: done (help printed); 2: bad usage, message printed.
+// 0: run; 1: done (help or version printed); 2: bad usage, message printed.
 int parseSimOptions(int argc, char** argv, SimOptions* options);
 
 }  // namespace vtools
