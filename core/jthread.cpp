@@ -1,18 +1,37 @@
 #include "jthread.h"
 
 #include <sched.h>
+#include <signal.h>
 #include <time.h>
-#include <initializer_list>
 #include <unistd.h>
+
+#include <initializer_list>
+
+namespace {
+
+// The signal that wakes a thread from a blocking call. Its handler does nothing and is set
+// without SA_RESTART, so the call fails with EINTR instead of going on.
+int interruptSignal() {
+    return SIGRTMIN + 1;
+}
+
+void installInterruptHandler() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        sigemptyset(&action.sa_mask);
+        action.sa_flags = 0;
+        sigaction(interruptSignal(), &action, nullptr);
+    });
+}
+
+}  // namespace
 
 JThread::JThread() = default;
 
 JThread::~JThread() {
-    JMutexAutoLock lock(&runningMutex);
-    if (running) {
-        pthread_cancel(threadId);
-        running = false;
-    }
+    Kill();
 }
 
 int JThread::Start() {
@@ -30,14 +49,19 @@ int JThread::Start() {
             return ERR_RUNNING;
         }
     }
+    installInterruptHandler();
 
+    auto* launch = new Launch{this, std::make_shared<Tie>()};
+    launch->tie->owner = this;
+    tie = launch->tie;
     continueMutex.Lock();
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    const int rc = pthread_create(&threadId, &attr, TheThread, this);
+    const int rc = pthread_create(&threadId, &attr, TheThread, launch);
     pthread_attr_destroy(&attr);
     if (rc != 0) {
+        delete launch;
         continueMutex.Unlock();
         return ERR_START;
     }
@@ -62,7 +86,8 @@ int JThread::Start() {
 }
 
 void* JThread::TheThread(void* param) {
-    auto* self = static_cast<JThread*>(param);
+    const std::unique_ptr<Launch> launch(static_cast<Launch*>(param));
+    JThread* self = launch->self;
     self->continueMutex2.Lock();
     self->runningMutex.Lock();
     self->running = true;
@@ -73,21 +98,34 @@ void* JThread::TheThread(void* param) {
 
     void* result = self->Thread();
 
-    self->runningMutex.Lock();
-    self->returnValue = result;
-    self->running = false;
-    self->runningMutex.Unlock();
+    // The object may have let this thread go, and may be gone or running another thread.
+    std::lock_guard<std::mutex> tieLock(launch->tie->lock);
+    if (launch->tie->owner == self) {
+        JMutexAutoLock lock(&self->runningMutex);
+        self->returnValue = result;
+        self->running = false;
+    }
     return nullptr;
 }
 
-void JThread::ThreadStarted() { continueMutex2.Unlock(); }
+void JThread::ThreadStarted() {
+    continueMutex2.Unlock();
+}
 
 int JThread::Kill() {
+    // The tie first, then runningMutex: the order of the thread's last step.
+    const std::shared_ptr<Tie> current = tie;
+    if (!current) {
+        return ERR_NOT_RUNNING;
+    }
+    std::lock_guard<std::mutex> tieLock(current->lock);
     JMutexAutoLock lock(&runningMutex);
     if (!running) {
         return ERR_NOT_RUNNING;
     }
-    pthread_cancel(threadId);
+    // The thread has not passed its last step, which needs the tie, so it still exists.
+    current->owner = nullptr;
+    pthread_kill(threadId, interruptSignal());
     running = false;
     return 0;
 }

@@ -3,10 +3,18 @@
 
 #include <pthread.h>
 
+#include <memory>
+#include <mutex>
+
 #include "jmutex.h"
 
 // A detached thread with a start handshake: Start() returns only once the new thread is
 // inside its body. Threads are never joined; IsRunning() is the only sign of their end.
+//
+// Kill() does not cancel (Android's C library has no pthread_cancel): it interrupts the
+// system call the thread waits in, so that a body blocked on a port without a time-out
+// wakes, sees its run flag cleared and ends; and it lets the thread go, so that whenever the
+// thread ends it no longer touches this object, which may be started again or destroyed.
 class JThread {
 public:
     static constexpr int ERR_MUTEX_INIT = -1;
@@ -23,13 +31,14 @@ public:
     JThread& operator=(const JThread&) = delete;
 
     int Start();
+    // Interrupts the running thread's blocking call and lets it go; -4 if not running.
     int Kill();
     bool IsRunning();
     void* GetReturnValue();
 
     // The stop protocol, once the owner has cleared its run flag: wait while the thread
     // runs, in steps of 80 ms, until more than `limitSeconds` whole seconds have passed
-    // since the wait began, then cancel it. Returns true when the thread ended by itself.
+    // since the wait began, then Kill() it. Returns true when the thread ended by itself.
     bool WaitOrKill(int limitSeconds = STOP_LIMIT_SECONDS);
 
 protected:
@@ -38,8 +47,20 @@ protected:
     void ThreadStarted();
 
 private:
+    // What a thread keeps of the object that started it: the object, until it lets the
+    // thread go. The thread's last step goes through it.
+    struct Tie {
+        std::mutex lock;
+        JThread* owner = nullptr;
+    };
+    struct Launch {
+        JThread* self;
+        std::shared_ptr<Tie> tie;
+    };
+
     static void* TheThread(void* param);
 
+    std::shared_ptr<Tie> tie;
     pthread_t threadId{};
     void* returnValue = nullptr;
     bool running = false;
