@@ -104,7 +104,7 @@ bool waitFor(const std::string& path, const std::string& text, double seconds) {
 }
 
 int finish(pid_t pid, int signal) {
-    if (signal != 0) {
+    if (signal != 0 && pid > 0) {
         kill(pid, signal);
     }
     int status = 0;

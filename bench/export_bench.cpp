@@ -76,8 +76,10 @@ int main(int argc, char** argv) {
     const pid_t stop = spawn({root + "/vrecCmd/vrec", "-s"}, "stop.out");
     waitpid(stop, nullptr, 0);
     waitpid(run, nullptr, 0);
-    kill(sim, SIGTERM);
-    waitpid(sim, nullptr, 0);
+    if (sim > 0) {
+        kill(sim, SIGTERM);
+        waitpid(sim, nullptr, 0);
+    }
 
     const bool whole = done && readAll("logsave_bench0") == content;
     const double exchanges = static_cast<double>((content.size() + kPieceBytes - 1) / kPieceBytes);

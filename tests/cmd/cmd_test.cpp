@@ -19,6 +19,8 @@
 
 namespace {
 
+const bool kFollowsBackgroundRuns = testkit::skipAllWithoutSubreaper();
+
 using testkit::BackgroundRun;
 using testkit::endsWith;
 using testkit::TempDir;
@@ -222,7 +224,7 @@ TEST(StopClient, NobodyListening) {
     BackgroundRun client({kVrec, "-s"}, dir.path());
     ASSERT_TRUE(client.waitForOutput(kSent, 5000)) << client.output();
     // No capture is set while the client waits, so SIGQUIT finds nothing to stop.
-    kill(client.childPid(), SIGQUIT);
+    EXPECT_TRUE(client.signalChild(SIGQUIT));
     EXPECT_EQ(0, client.launcherStatus());
     EXPECT_EQ(0, client.childStatus());
     EXPECT_EQ(kSent, afterBanner(client.output()));
@@ -278,7 +280,7 @@ TEST(StayUp, DatagramsOnTheStopChannel) {
     sendToControlPort("stop", "127.0.0.1", "10.77.0.1");
     EXPECT_EQ(-1, capture->childStatus(300));
     // SIGTERM, as a service manager sends it, stops as SIGQUIT does.
-    kill(capture->childPid(), SIGTERM);
+    EXPECT_TRUE(capture->signalChild(SIGTERM));
     expectStopped(*capture);
 }
 

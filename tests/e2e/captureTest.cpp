@@ -26,6 +26,8 @@
 
 namespace {
 
+const bool kFollowsBackgroundRuns = testkit::skipAllWithoutSubreaper();
+
 using namespace e2e;
 using testkit::endsWith;
 using testkit::waitFor;
@@ -134,7 +136,7 @@ TEST(Capture, LogHoldsExactlyWhatTheModuleSent) {
         EXPECT_TRUE(testkit::readFile(log) == sent) << "the capture is not what was sent";
 
         if (c.bySignal) {
-            kill(vrec.run.childPid(), SIGQUIT);
+            EXPECT_TRUE(vrec.run.signalChild(SIGQUIT));
         }
         EXPECT_EQ(1, c.bySignal ? vrec.run.childStatus(15000) : vrec.stop());
         EXPECT_TRUE(endsWith(vrec.run.output(), kStopLine)) << vrec.run.output();

@@ -100,8 +100,7 @@ TEST(RunControl, StopDuringTheStartTableEndsItAtTheNextFrame) {
         if (how == 0) {
             client = launch(module.path(), {"-s"});
         } else {
-            ASSERT_GT(vrec->childPid(), 0);
-            kill(vrec->childPid(), how);
+            ASSERT_TRUE(vrec->signalChild(how));
         }
         EXPECT_EQ(1, vrec->launcherStatus(5000));
         const long took = testkit::msSince(stopped);

@@ -18,6 +18,8 @@
 
 namespace {
 
+const bool kFollowsBackgroundRuns = testkit::skipAllWithoutSubreaper();
+
 using testkit::BackgroundRun;
 using testkit::TempDir;
 using Lines = std::vector<std::string>;

@@ -231,8 +231,33 @@ bool isolateNetwork() {
     return false;
 }
 
-void becomeSubreaper() {
-    prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+bool becomeSubreaper() {
+    int set = 0;
+    return prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0 &&
+           prctl(PR_GET_CHILD_SUBREAPER, &set, 0, 0, 0) == 0 && set != 0;
+}
+
+namespace {
+
+class SubreaperCheck : public ::testing::Environment {
+public:
+    void SetUp() override {
+        if (!becomeSubreaper()) {
+            GTEST_SKIP() << "this process cannot be made a child subreaper (" << strerror(errno)
+                         << "), so the background run of vrec cannot be followed";
+        }
+    }
+};
+
+}  // namespace
+
+bool skipAllWithoutSubreaper() {
+    ::testing::AddGlobalTestEnvironment(new SubreaperCheck);
+    return true;
+}
+
+bool sendSignal(pid_t pid, int signal) {
+    return pid > 0 && kill(pid, signal) == 0;
 }
 
 std::string builtProgram(const std::string& relative) {
@@ -270,18 +295,18 @@ BackgroundRun::BackgroundRun(const std::vector<std::string>& argv, const std::st
 
 BackgroundRun::~BackgroundRun() {
     if (launcher > 0) {
-        kill(-launcher, SIGKILL);
+        kill(-launcher, SIGKILL);  // the launcher's process group: vrec and its child
         if (!launcherDone) {
             waitpid(launcher, nullptr, 0);
         }
         for (pid_t pid : childrenInGroup(launcher)) {
-            kill(pid, SIGKILL);
+            sendSignal(pid, SIGKILL);
             waitpid(pid, nullptr, 0);
             childDone = childDone || pid == child;
         }
     }
     if (child > 0 && !childDone) {
-        kill(child, SIGKILL);
+        sendSignal(child, SIGKILL);
         waitpid(child, nullptr, 0);
     }
 }
@@ -300,6 +325,10 @@ pid_t BackgroundRun::childPid(int timeoutMs) {
         },
         timeoutMs);
     return child;
+}
+
+bool BackgroundRun::signalChild(int signal, int timeoutMs) {
+    return sendSignal(childPid(timeoutMs), signal);
 }
 
 int BackgroundRun::childStatus(int timeoutMs) {

@@ -84,8 +84,15 @@ bool isolateNetwork();
 // Only the namespace: false where the process may not have one.
 bool enterOwnNetwork();
 
-// Makes this process the reaper of the background run that vrec forks off.
-void becomeSubreaper();
+// Makes this process the reaper of the background run that vrec forks off; false where the
+// system refuses (under qemu-user, for one), and then that run cannot be followed.
+bool becomeSubreaper();
+// A suite whose tests follow vrec's background run calls this once, at namespace scope:
+// where this process cannot become a subreaper, each of its tests is skipped with the reason.
+bool skipAllWithoutSubreaper();
+// kill(2) for a process the test started: never for a pid of 0 or less, which would reach a
+// process group or every process of the machine. False when nothing was sent.
+bool sendSignal(pid_t pid, int signal);
 
 // Path of a program built by the project, such as "vrecCmd/vrec".
 std::string builtProgram(const std::string& relative);
@@ -108,6 +115,8 @@ public:
     // Exit status of the forked child, the same way.
     int childStatus(int timeoutMs = 10000);
     pid_t childPid(int timeoutMs = 5000);
+    // Signals the forked child; false, with nothing sent, when there is none.
+    bool signalChild(int signal, int timeoutMs = 5000);
     bool waitForOutput(const std::string& needle, int timeoutMs = 10000);
     std::string output() { return readFile(streams.file("out")); }  // stdout so far
     std::string errors() { return readFile(streams.file("err")); }  // stderr so far
