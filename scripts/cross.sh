@@ -2,17 +2,19 @@
 # Builds vrec and its tools for an ARM board, statically and stripped, and proves them under
 # qemu-user: `vrec -v`, then a capture from the simulator with rotating items, stopped with
 # `vrec -s` and judged whole by vrec-inspect, all three programs running under emulation.
-#   scripts/cross.sh aarch64|armhf      programs in build-<target>/, smoke run in a temp dir
+#   scripts/cross.sh aarch64|armhf [--build-only]
+# The programs are left in build-<target>/; the smoke run works in a temporary directory.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=${JOBS:-2}
 target=${1:-}
+build_only=${2:-}
 
 case "$target" in
     aarch64) triple=aarch64-linux-gnu qemu=qemu-aarch64-static ;;
     armhf) triple=arm-linux-gnueabihf qemu=qemu-arm-static ;;
     *)
-        echo "usage: $0 aarch64|armhf" >&2
+        echo "usage: $0 aarch64|armhf [--build-only]" >&2
         exit 2
         ;;
 esac
@@ -40,6 +42,7 @@ if [ -z "${VREC_CROSS_SMOKE_ONLY:-}" ]; then
         printf '%-40s %8d bytes, static, stripped\n' "${program#"$root"/}" \
             "$(stat -c %s "$program")"
     done
+    [ "$build_only" != --build-only ] || exit 0
 
     # The smoke run uses the fixed UDP stop port: in a network namespace of its own where
     # the machine allows one, so that a test run beside it cannot take the port. With a
