@@ -32,8 +32,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Processes of group `group` forked by this process or by the group's leader.
-std::vector<pid_t> childrenInGroup(pid_t group) {
+// Processes of process group `group`; with `ownOnly`, only those forked by this process or
+// by the group's leader.
+std::vector<pid_t> processesInGroup(pid_t group, bool ownOnly) {
     std::vector<pid_t> found;
     for (const std::string& name : listDir("/proc")) {
         const pid_t pid = static_cast<pid_t>(atoi(name.c_str()));
@@ -43,7 +44,7 @@ std::vector<pid_t> childrenInGroup(pid_t group) {
         int pgrp = 0;
         if (close != std::string::npos &&
             sscanf(stat.c_str() + close + 1, " %*c %d %d", &ppid, &pgrp) == 2 && pgrp == group &&
-            (ppid == getpid() || ppid == group)) {
+            (!ownOnly || ppid == getpid() || ppid == group)) {
             found.push_back(pid);
         }
     }
@@ -295,12 +296,17 @@ BackgroundRun::BackgroundRun(const std::vector<std::string>& argv, const std::st
 
 BackgroundRun::~BackgroundRun() {
     if (launcher > 0) {
-        kill(-launcher, SIGKILL);  // the launcher's process group: vrec and its child
+        // Every process of the group this run made, one by one: the launcher first, so that
+        // it forks no more, then what it forked, which init may have taken over where this
+        // process is no subreaper.
+        sendSignal(launcher, SIGKILL);
+        for (pid_t pid : processesInGroup(launcher, false)) {
+            sendSignal(pid, SIGKILL);
+        }
         if (!launcherDone) {
             waitpid(launcher, nullptr, 0);
         }
-        for (pid_t pid : childrenInGroup(launcher)) {
-            sendSignal(pid, SIGKILL);
+        for (pid_t pid : processesInGroup(launcher, true)) {
             waitpid(pid, nullptr, 0);
             childDone = childDone || pid == child;
         }
@@ -318,7 +324,7 @@ int BackgroundRun::launcherStatus(int timeoutMs) {
 pid_t BackgroundRun::childPid(int timeoutMs) {
     waitFor(
         [&] {
-            for (pid_t pid : childrenInGroup(launcher)) {
+            for (pid_t pid : processesInGroup(launcher, true)) {
                 child = child <= 0 && pid != launcher ? pid : child;
             }
             return child > 0;
