@@ -36,7 +36,6 @@ unsigned long long ull(uint64_t value) {
 void DiagService::readPort() {
     DIAG_TRACE();
     wakeup.Drain();
-    overflow.resize(kReadBytes);
     unpublished = 0;
     bool afterWait = false;
     while (running && !writerDone) {
@@ -44,6 +43,8 @@ void DiagService::readPort() {
         char* place = ring->writeSpace(kReadBytes, room);
         const bool queued = place != nullptr;
         if (!queued) {
+            // Made only when first needed, so that memory stays with what is queued.
+            overflow.resize(kReadBytes);
             place = overflow.data();
             room = overflow.size();
         }
@@ -59,6 +60,10 @@ void DiagService::readPort() {
             } else {
                 ring->drop(static_cast<size_t>(count));
             }
+            // A read that filled its place may have left more behind; after a shorter one
+            // the wait returns at once if the port has more, and sleeps only if it has not.
+            // (A terminal hands over at most its line buffer per read, so draining with
+            // reads until one comes back empty would cost a read and a sleep per buffer.)
             result = static_cast<size_t>(count) == room ? ReadResult::More : ReadResult::Drained;
         } else if (count < 0 && errno != EAGAIN && errno != EINTR) {
             result = ReadResult::Failed;

@@ -10,9 +10,9 @@ namespace {
 
 // The writer is woken when this much has queued since it last took bytes, or when the
 // reader finds the port quiet: one wake-up per many reads, not one per read.
-constexpr size_t kPublishBytes = 128 * 1024;
+constexpr size_t kPublishBytes = 32 * 1024;
 // Blocks kept mapped after they were emptied, so that a steady stream does not map and
-// unmap a block for every 256 KiB.
+// unmap a block for every block's worth of bytes.
 constexpr size_t kSpareBlocks = 2;
 
 }  // namespace

@@ -25,7 +25,7 @@ struct LossEpisode {
 // queue are counted, in episodes, so that the loss can be told.
 class CaptureRing {
 public:
-    static constexpr size_t kBlockBytes = 256 * 1024;
+    static constexpr size_t kBlockBytes = 64 * 1024;
 
     explicit CaptureRing(size_t capacityBytes);
     ~CaptureRing();

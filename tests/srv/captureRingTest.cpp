@@ -141,9 +141,9 @@ TEST(CaptureRing, TheWriterWakesForBatchesNotForEveryRead) {
     ring.consume(100);
 
     // A batch as large as the wake-up threshold needs no publish.
-    put(ring, std::string(128 * 1024, 'b'));
-    EXPECT_EQ(128u * 1024, ring.peek(parts, 1 << 20, milliseconds(5000)));
-    ring.consume(128 * 1024);
+    put(ring, std::string(32 * 1024, 'b'));
+    EXPECT_EQ(32u * 1024, ring.peek(parts, 1 << 20, milliseconds(5000)));
+    ring.consume(32 * 1024);
 
     std::thread stopper([&] {
         std::this_thread::sleep_for(milliseconds(50));
