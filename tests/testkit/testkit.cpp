@@ -70,6 +70,14 @@ bool reap(pid_t pid, bool* done, int* exitStatus, int timeoutMs, const int* coll
     return *done || waitFor(ended, timeoutMs);
 }
 
+size_t occurrences(const std::string& text, const std::string& needle) {
+    size_t count = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 std::vector<std::string> withHead(std::vector<std::string> head,
                                   const std::vector<std::string>& tail) {
     head.insert(head.end(), tail.begin(), tail.end());
@@ -423,6 +431,46 @@ std::vector<std::string> ModemSim::arrived(const std::string& port,
         }
     }
     return lines;
+}
+
+SimCounts ModemSim::lastCounts(const std::string& port) {
+    const std::string out = run.output();
+    const std::string head = "stats: " + port + " ";
+    SimCounts counts;
+    const size_t at = out.rfind(head);
+    counts.valid =
+        at != std::string::npos &&
+        sscanf(out.c_str() + at + head.size(),
+               "offered %llu written %llu dropped %llu queued %llu drops %llu", &counts.offered,
+               &counts.written, &counts.dropped, &counts.queued, &counts.drops) == 5;
+    return counts;
+}
+
+SimCounts ModemSim::counts(const std::string& port) {
+    const std::string head = "stats: " + port + " ";
+    const size_t before = occurrences(run.output(), head);
+    control("stats");
+    if (!waitFor([&] { return occurrences(run.output(), head) > before; }, 5000)) {
+        return SimCounts();
+    }
+    return lastCounts(port);
+}
+
+SimCounts ModemSim::settled(const std::string& port, int quietMs, int timeoutMs) {
+    const auto start = std::chrono::steady_clock::now();
+    SimCounts last;
+    auto stable = start;
+    while (msSince(start) < timeoutMs) {
+        const SimCounts now = counts(port);
+        if (!now.valid || now.queued > 0 || now.written != last.written) {
+            stable = std::chrono::steady_clock::now();
+        } else if (msSince(stable) >= quietMs) {
+            return now;
+        }
+        last = now;
+        usleep(20 * 1000);
+    }
+    return SimCounts();
 }
 
 }  // namespace testkit

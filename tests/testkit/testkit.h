@@ -138,6 +138,18 @@ private:
 int runToEnd(const std::vector<std::string>& argv, const std::string& cwd, std::string* out,
              std::string* err = nullptr, int timeoutMs = 20000);
 
+// The simulator's byte counts of one port: offered = written + dropped + queued, where
+// `written` reached the terminal, `dropped` was lost on the way (driver buffer full, hang-up)
+// and `queued` still waits for the host. `drops` counts packets and answers dropped whole.
+struct SimCounts {
+    bool valid = false;
+    unsigned long long offered = 0;
+    unsigned long long written = 0;
+    unsigned long long dropped = 0;
+    unsigned long long queued = 0;
+    unsigned long long drops = 0;
+};
+
 // vrec-modemsim running in `dir`, with its record "record.txt" and control FIFO "ctl" there.
 class ModemSim {
 public:
@@ -149,6 +161,13 @@ public:
     // "KIND DATA", in order, with the time of each in `times` if asked.
     std::vector<std::string> arrived(const std::string& port,
                                      std::vector<long>* times = nullptr) const;
+    // The counts of `port` ("diag", "pcui", "port"), asked for now; not valid if no answer.
+    SimCounts counts(const std::string& port);
+    // The counts once nothing waits for the host any more and `written` stayed put for
+    // `quietMs`: what a capture should hold. Not valid if that took longer than `timeoutMs`.
+    SimCounts settled(const std::string& port, int quietMs = 300, int timeoutMs = 10000);
+    // The last counts of `port` printed, e.g. at exit.
+    SimCounts lastCounts(const std::string& port);
 
     const std::string dir;
     BackgroundRun run;

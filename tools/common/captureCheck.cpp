@@ -7,10 +7,15 @@ namespace vtools {
 
 void CaptureCheck::feed(const char* data, size_t size) {
     bytes += size;
-    deframer.feed(data, size);
-    DeframeStep step;
-    while (deframer.next(step)) {
-        take(step);
+    // In pieces: the deframer takes each frame off the front of what it holds, which costs
+    // the length of what it holds.
+    constexpr size_t kPiece = 64 * 1024;
+    for (size_t at = 0; at < size; at += kPiece) {
+        deframer.feed(data + at, std::min(kPiece, size - at));
+        DeframeStep step;
+        while (deframer.next(step)) {
+            take(step);
+        }
     }
 }
 

@@ -52,7 +52,8 @@ bool readPiece(const std::string& path, size_t start, size_t length, size_t* siz
     length = std::min(length, *size - start);
     data->assign(length, '\0');
     in.seekg(static_cast<std::streamoff>(start));
-    return length == 0 || static_cast<bool>(in.read(&(*data)[0], static_cast<std::streamsize>(length)));
+    return length == 0 ||
+           static_cast<bool>(in.read(&(*data)[0], static_cast<std::streamsize>(length)));
 }
 
 }  // namespace

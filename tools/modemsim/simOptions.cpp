@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 
@@ -16,6 +17,25 @@ bool parseNumber(const std::string& text, long* value) {
     char* end = nullptr;
     *value = strtol(text.c_str(), &end, 10);
     return *end == '\0' && *value >= 0;
+}
+
+// A count with an optional suffix: "8M" is 8,000,000 with `unit` 1000, 8,388,608 with 1024.
+bool parseAmount(const std::string& text, long unit, long* value) {
+    std::string digits = text;
+    long factor = 1;
+    if (!digits.empty() && (digits.back() == 'k' || digits.back() == 'K')) {
+        factor = unit;
+    } else if (!digits.empty() && (digits.back() == 'm' || digits.back() == 'M')) {
+        factor = unit * unit;
+    }
+    if (factor != 1) {
+        digits.pop_back();
+    }
+    if (!parseNumber(digits, value) || *value > LONG_MAX / factor) {
+        return false;
+    }
+    *value *= factor;
+    return true;
 }
 
 bool isPortName(const std::string& name) {
@@ -92,11 +112,16 @@ const char* simUsage() {
            "operation 0 or at+trace=0):\n"
            "  --rate N               log packets per second (0, default: as fast as the host\n"
            "                         reads)\n"
+           "  --byte-rate N[k|M]     stream bytes per second instead (k: thousand, M: million)\n"
            "  --total N              end the stream after N packets in all (0: no end)\n"
            "  --replay FILE          send FILE's frames instead of the sequence stream\n"
            "  --no-answers           leave DIAG requests unanswered\n"
-           "  --drop-when-full       never wait for the host: bytes that do not fit are\n"
-           "                         dropped and counted (default: wait, as flow control does)\n"
+           "  --drop-when-full       never wait for the host, as a USB serial driver does not:\n"
+           "                         what is sent goes into the host's receive buffer, a packet\n"
+           "                         or answer that does not fit whole is dropped and counted,\n"
+           "                         and the buffer moves into the terminal as the host reads\n"
+           "                         (default: wait for the host, as flow control does)\n"
+           "  --host-buffer N[K|M]   size of that receive buffer (default 640K; K: KiB, M: MiB)\n"
            "AT side:\n"
            "  --files DIR            files that AT^RSFR lists and serves\n"
            "  --upload-dir DIR       where a finished AT^RSFW upload is stored (default: .)\n"
@@ -126,8 +151,10 @@ const char* simUsage() {
            "                         (default FF: the interface number decides)\n"
            "  --tty-base N           ttyUSB number of interface 0 (default 0)\n"
            "  --help, --version      this text; the version\n"
-           "The byte counts (offered, written, dropped) are printed on exit, on SIGUSR1 and on\n"
-           "\"stats\". SIGINT or SIGTERM end the run.\n";
+           "The byte counts are printed on exit, on SIGUSR1 and on \"stats\", and recorded:\n"
+           "  stats: PORT offered N written N dropped N queued N drops N\n"
+           "(offered = written + dropped + queued; drops: packets and answers dropped whole)\n"
+           "SIGINT or SIGTERM end the run.\n";
 }
 
 int parseSimOptions(int argc, char** argv, SimOptions* options) {
@@ -137,6 +164,8 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
         kPort,
         kRate,
         kTotal,
+        kByteRate,
+        kHostBuffer,
         kReplay,
         kNoAnswers,
         kDrop,
@@ -161,6 +190,8 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                                    {"port", required_argument, nullptr, kPort},
                                    {"rate", required_argument, nullptr, kRate},
                                    {"total", required_argument, nullptr, kTotal},
+                                   {"byte-rate", required_argument, nullptr, kByteRate},
+                                   {"host-buffer", required_argument, nullptr, kHostBuffer},
                                    {"replay", required_argument, nullptr, kReplay},
                                    {"no-answers", no_argument, nullptr, kNoAnswers},
                                    {"drop-when-full", no_argument, nullptr, kDrop},
@@ -251,6 +282,20 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                 if (opt == kTtyBase)
                     options->sysfs.firstTty = static_cast<int>(number);
                 break;
+            case kByteRate:
+            case kHostBuffer:
+                if (!parseAmount(arg, opt == kByteRate ? 1000 : 1024, &number) || number == 0) {
+                    fprintf(stderr,
+                            "vrec-modemsim: bad amount %s for --%s (a number above 0, "
+                            "optionally followed by k or M)\n",
+                            arg.c_str(), opt == kByteRate ? "byte-rate" : "host-buffer");
+                    return 2;
+                }
+                if (opt == kByteRate)
+                    options->byteRate = number;
+                else
+                    options->hostBuffer = static_cast<size_t>(number);
+                break;
             case kEcho:
                 if (arg != "on" && arg != "off") {
                     fprintf(stderr, "vrec-modemsim: --echo takes on or off\n");
@@ -281,6 +326,10 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
     }
     if (optind < argc) {
         fprintf(stderr, "vrec-modemsim: unexpected argument %s\n", argv[optind]);
+        return 2;
+    }
+    if (options->rate > 0 && options->byteRate > 0) {
+        fprintf(stderr, "vrec-modemsim: give --rate or --byte-rate, not both\n");
         return 2;
     }
     const bool split = !options->diagLink.empty() || !options->pcuiLink.empty();

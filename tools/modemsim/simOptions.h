@@ -40,9 +40,13 @@ struct SimOptions {
     std::string replayPath;
     std::string sysfsRoot;
     SysfsModule sysfs;
-    long rate = 0;   // stream packets per second; 0: as fast as the host takes them
-    long total = 0;  // packets in all; 0: no end
+    long rate = 0;      // stream packets per second; 0: as fast as the host takes them
+    long byteRate = 0;  // stream bytes per second instead (framed), 0: by `rate`
+    long total = 0;     // packets in all; 0: no end
+    // A module that never waits: what it sends goes into the host driver's receive buffer of
+    // `hostBuffer` bytes, and a packet or answer that does not fit whole is dropped.
     bool dropWhenFull = false;
+    size_t hostBuffer = 640 * 1024;
     bool answerRequests = true;
     AtModuleConfig at;
     bool echo = true;

@@ -23,6 +23,8 @@ namespace {
 
 // How much stream the simulator keeps queued for a slow host before it waits.
 constexpr size_t kQueueLimit = 16 * 1024;
+// With --drop-when-full, the stream goes to the terminal after this many bytes at the most.
+constexpr size_t kTransferSize = 16 * 1024;
 constexpr auto kSplitPause = std::chrono::milliseconds(20);
 
 // Names of the AT commands the tunnel knows, in id order; anything else travels as id 0.
@@ -235,28 +237,77 @@ Simulator::Port* Simulator::diagPort() {
     return nullptr;
 }
 
-void Simulator::send(Port& port, const std::string& bytes, bool answer) {
+void Simulator::send(Port& port, std::string bytes, bool answer, bool now) {
     if (bytes.empty() || port.silent || port.down) {
         return;
     }
     port.offered += bytes.size();
-    const auto now = Clock::now();
+    port.queued += bytes.size();
+    const auto due = Clock::now();
     if (answer && splitSize > 0) {
-        auto due = now;
-        for (size_t at = 0; at < bytes.size(); at += splitSize) {
-            port.out.push_back({bytes.substr(at, splitSize), due});
-            port.queued += std::min(splitSize, bytes.size() - at);
-            due += kSplitPause;
+        auto at = due;
+        for (size_t from = 0; from < bytes.size(); from += splitSize) {
+            port.out.push_back({bytes.substr(from, splitSize), at});
+            at += kSplitPause;
         }
+    } else if (opts.dropWhenFull && port.out.empty()) {
+        admit(port, std::move(bytes));
     } else {
-        port.out.push_back({bytes, now});
-        port.queued += bytes.size();
+        port.out.push_back({std::move(bytes), due});
     }
-    flush(port);
+    if (now) {
+        flush(port);
+    }
+}
+
+void Simulator::admit(Port& port, std::string&& bytes) {
+    if (port.host.size() - port.hostHead + bytes.size() > opts.hostBuffer) {
+        // The driver has no room for the whole transfer: it is gone, and the host never
+        // learns of it.
+        port.dropped += bytes.size();
+        port.queued -= bytes.size();
+        ++port.drops;
+        return;
+    }
+    if (port.hostHead == port.host.size()) {
+        port.host.clear();
+        port.hostHead = 0;
+    }
+    port.host += bytes;
+}
+
+void Simulator::drain(Port& port) {
+    while (port.hostHead < port.host.size()) {
+        const ssize_t n = write(port.pty.fd(), port.host.data() + port.hostHead,
+                                port.host.size() - port.hostHead);
+        if (n <= 0) {
+            break;  // the terminal is full: the rest waits for the host to read
+        }
+        port.hostHead += static_cast<size_t>(n);
+        port.written += static_cast<uint64_t>(n);
+        port.queued -= static_cast<size_t>(n);
+    }
+    if (port.hostHead == port.host.size()) {
+        port.host.clear();
+        port.hostHead = 0;
+    } else if (port.hostHead > (1u << 20) && port.hostHead > port.host.size() / 2) {
+        port.host.erase(0, port.hostHead);
+        port.hostHead = 0;
+    }
 }
 
 void Simulator::flush(Port& port) {
     const auto now = Clock::now();
+    if (opts.dropWhenFull) {
+        while (!port.out.empty() && port.out.front().due <= now && !port.down) {
+            admit(port, std::move(port.out.front().bytes));
+            port.out.pop_front();
+        }
+        if (!port.down) {
+            drain(port);
+        }
+        return;
+    }
     while (!port.out.empty() && port.out.front().due <= now && !port.down) {
         Chunk& head = port.out.front();
         const ssize_t n = write(port.pty.fd(), head.bytes.data(), head.bytes.size());
@@ -267,14 +318,14 @@ void Simulator::flush(Port& port) {
             port.out.pop_front();
             continue;
         }
-        if (!opts.dropWhenFull && (n >= 0 || errno == EAGAIN || errno == EINTR)) {
+        if (n >= 0 || errno == EAGAIN || errno == EINTR) {
             // The host is slow: wait for room, as terminal flow control makes a module wait.
             head.bytes.erase(0, moved);
             return;
         }
-        // What does not fit is gone, as when a serial driver's buffer is full.
         port.dropped += head.bytes.size() - moved;
         port.queued -= head.bytes.size() - moved;
+        ++port.drops;
         port.out.pop_front();
     }
 }
@@ -297,49 +348,57 @@ void Simulator::stopStream(const std::string& why) {
     event("stream stop " + why + " after " + std::to_string(generated) + " packets");
 }
 
+uint64_t Simulator::streamDue() const {
+    const long perSecond = opts.byteRate > 0 ? opts.byteRate : opts.rate;
+    if (perSecond == 0) {
+        return UINT64_MAX;
+    }
+    const auto us =
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - streamStarted).count();
+    return static_cast<uint64_t>(us) / 1000 * static_cast<uint64_t>(perSecond) / 1000;
+}
+
+// True while the host sets the pace and has not taken enough: a module behind flow control
+// waits for it, and one that never waits, without a rate, keeps the receive buffer half full.
+bool Simulator::hostPaced(const Port& port) const {
+    return opts.dropWhenFull
+               ? (opts.rate == 0 && opts.byteRate == 0 && port.queued >= opts.hostBuffer / 2)
+               : port.queued >= kQueueLimit;
+}
+
 void Simulator::pump() {
     Port* port = diagPort();
     if (!streaming || port == nullptr || port->down || port->silent) {
         return;
     }
-    uint64_t allowed = UINT64_MAX;
-    if (opts.rate > 0) {
-        const auto ms =
-            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - streamStarted)
-                .count();
-        const uint64_t due = static_cast<uint64_t>(ms) * static_cast<uint64_t>(opts.rate) / 1000;
-        allowed = due > streamSlots ? due - streamSlots : 0;
-    }
-    while (allowed > 0) {
+    const uint64_t due = streamDue();
+    size_t unflushed = 0;
+    while (streamSlots < due) {
         if (opts.total > 0 && generated >= static_cast<uint64_t>(opts.total)) {
             stopStream("total");
-            return;
+            break;
         }
-        if (!replayFrames.empty() || !opts.replayPath.empty()) {
-            if (replayNext >= replayFrames.size()) {
-                stopStream("replay end");
-                return;
-            }
+        if (!opts.replayPath.empty() && replayNext >= replayFrames.size()) {
+            stopStream("replay end");
+            break;
         }
-        if (opts.dropWhenFull ? (opts.rate == 0 && !port->out.empty())
-                              : port->queued >= kQueueLimit) {
-            // The host sets the pace: the slots it did not take are not made up later.
-            if (opts.rate > 0) {
-                streamSlots += allowed;
-            }
-            return;
+        if (hostPaced(*port)) {
+            // The slots the host did not take are not made up later.
+            streamSlots = due == UINT64_MAX ? streamSlots : due;
+            break;
         }
-        const std::string bytes =
+        std::string bytes =
             opts.replayPath.empty() ? frame(simLogPacket(nextSeq++)) : replayFrames[replayNext++];
         ++generated;
-        ++streamSlots;
-        --allowed;
-        const uint64_t droppedBefore = port->dropped;
-        send(*port, bytes, false);
-        if (opts.dropWhenFull && opts.rate == 0 && port->dropped != droppedBefore) {
-            return;  // full: try again on the next pass
-        }
+        streamSlots += opts.byteRate > 0 ? bytes.size() : 1;
+        unflushed += bytes.size();
+        // Behind flow control every packet is a write of its own; a driver's buffer fills
+        // from transfers of some kilobytes and goes to the terminal in large pieces.
+        const bool now = !opts.dropWhenFull || unflushed >= kTransferSize;
+        send(*port, std::move(bytes), false, now);
+        unflushed = now ? 0 : unflushed;
     }
+    flush(*port);
 }
 
 void Simulator::readPort(Port& port) {
@@ -486,10 +545,11 @@ void Simulator::hangup(Port& port, long downMs) {
     port.pty.close();
     port.down = true;
     port.reopenAt = Clock::now() + std::chrono::milliseconds(downMs);
-    for (const Chunk& chunk : port.out) {
-        port.dropped += chunk.bytes.size();
-    }
+    // What the host had not read yet goes with the port.
+    port.dropped += port.queued;
     port.out.clear();
+    port.host.clear();
+    port.hostHead = 0;
     port.queued = 0;
     port.deframer.drop(port.deframer.pending().size());
     port.atLine.clear();
@@ -559,10 +619,12 @@ void Simulator::report() {
     uint64_t written = 0;
     uint64_t dropped = 0;
     for (const auto& port : ports) {
-        printf("stats: %s offered %llu written %llu dropped %llu\n", port->role.c_str(),
-               static_cast<unsigned long long>(port->offered),
-               static_cast<unsigned long long>(port->written),
-               static_cast<unsigned long long>(port->dropped));
+        const std::string counts =
+            port->role + " offered " + std::to_string(port->offered) + " written " +
+            std::to_string(port->written) + " dropped " + std::to_string(port->dropped) +
+            " queued " + std::to_string(port->queued) + " drops " + std::to_string(port->drops);
+        printf("stats: %s\n", counts.c_str());
+        event("stats " + counts);
         offered += port->offered;
         written += port->written;
         dropped += port->dropped;
@@ -572,7 +634,7 @@ void Simulator::report() {
                               " packets " + std::to_string(generated);
     printf("stats: total %s\n", total.c_str());
     fflush(stdout);
-    event("stats " + total);
+    event("stats total " + total);
 }
 
 void Simulator::controlLine(const std::string& line) {
@@ -639,7 +701,7 @@ int Simulator::run() {
         bool waiting = streaming;
         for (auto& port : ports) {
             flush(*port);
-            waiting = waiting || !port->out.empty() || port->down;
+            waiting = waiting || port->queued > 0 || port->down;
         }
         waiting = waiting || !timedFaults.empty();
 
@@ -650,7 +712,8 @@ int Simulator::run() {
                 continue;
             }
             short events = POLLIN;
-            if (!port->out.empty() && port->out.front().due <= now && !opts.dropWhenFull) {
+            const bool due = !port->out.empty() && port->out.front().due <= now;
+            if (opts.dropWhenFull ? port->hostHead < port->host.size() : due) {
                 events |= POLLOUT;
             }
             fds.push_back({port->pty.fd(), events, 0});

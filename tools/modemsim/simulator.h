@@ -46,11 +46,15 @@ private:
         Deframer deframer;
         bool afterText = false;  // the last thing on the Diag side was a text line
         std::string atLine;
-        std::deque<Chunk> out;
-        size_t queued = 0;
+        std::deque<Chunk> out;  // not yet sent: answers split in time, or waiting for the host
+        // With --drop-when-full: the host driver's receive buffer, from `hostHead` on.
+        std::string host;
+        size_t hostHead = 0;
+        size_t queued = 0;  // in `out` and `host`, not yet in the terminal
         uint64_t offered = 0;
         uint64_t written = 0;
         uint64_t dropped = 0;
+        uint64_t drops = 0;  // chunks dropped whole because the receive buffer had no room
         bool silent = false;
         bool down = false;
         Clock::time_point reopenAt;
@@ -71,9 +75,13 @@ private:
     void takeAtBytes(Port& port, const char* data, size_t size);
     std::string runAt(const std::string& line);  // interpreter plus the answer faults
 
-    void send(Port& port, const std::string& bytes, bool answer);
+    void send(Port& port, std::string bytes, bool answer, bool now = true);
     void flush(Port& port);
-    void pump();  // generates the stream while it runs
+    void admit(Port& port, std::string&& bytes);  // into the receive buffer, or dropped
+    void drain(Port& port);                       // the receive buffer into the terminal
+    bool hostPaced(const Port& port) const;
+    uint64_t streamDue() const;  // stream units (packets or bytes) the rate allows by now
+    void pump();                 // generates the stream while it runs
 
     void startStream();
     void stopStream(const std::string& why);
@@ -102,7 +110,7 @@ private:
 
     bool streaming = false;
     Clock::time_point streamStarted;
-    uint64_t streamSlots = 0;  // packets the rate allowed since the stream started
+    uint64_t streamSlots = 0;  // units (packets, or bytes with --byte-rate) used since start
     uint64_t generated = 0;    // packets sent in all, across streams
     uint32_t nextSeq = 0;
     std::vector<std::string> replayFrames;
