@@ -19,6 +19,10 @@ have_cmd tshark || missing+=(tshark)
 have_cmd clang++ || missing+=(clang)
 have_cmd dpkg-shlibdeps || missing+=(dpkg-dev)
 have_cmd man || missing+=(man-db)
+# Storage that stalls, for the tests and the benchmark (vrec-stallfs).
+have_cmd pkg-config || missing+=(pkg-config)
+have_pkg libfuse3-dev || missing+=(libfuse3-dev)
+have_cmd fusermount3 || missing+=(fuse3)
 for package in "$@"; do
     have_pkg "$package" || missing+=("$package")
 done

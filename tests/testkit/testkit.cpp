@@ -8,8 +8,10 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -471,6 +473,81 @@ SimCounts ModemSim::settled(const std::string& port, int quietMs, int timeoutMs)
         usleep(20 * 1000);
     }
     return SimCounts();
+}
+
+namespace {
+
+// A mount namespace of this process's own, best effort, so that a mount left by a test that
+// died goes away with it.
+void privateMounts() {
+    static const bool done = unshare(CLONE_NEWNS) == 0 &&
+                             mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    (void)done;
+}
+
+bool inPath(const std::string& program) {
+    const char* path = getenv("PATH");
+    std::istringstream dirs(path == nullptr ? "/usr/bin:/bin" : path);
+    std::string dir;
+    while (std::getline(dirs, dir, ':')) {
+        if (access((dir + "/" + program).c_str(), X_OK) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+StallFs::StallFs(const std::vector<std::string>& args) {
+    const std::string program = builtProgram("tools/vrec-stallfs");
+    if (access(program.c_str(), X_OK) != 0) {
+        reason =
+            "vrec-stallfs was not built: libfuse3 was missing when the build was "
+            "configured (scripts/setup.sh installs libfuse3-dev and fuse3)";
+        return;
+    }
+    const int fuse = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    if (fuse == -1) {
+        reason = std::string("FUSE is not usable here: open(/dev/fuse) failed: ") + strerror(errno);
+        return;
+    }
+    close(fuse);
+    mkdir(dir().c_str(), 0755);
+    mkdir(backing().c_str(), 0755);
+    privateMounts();
+    run = std::make_unique<BackgroundRun>(
+        withHead({program, "--control", root.file("ctl")}, withHead(args, {backing(), dir()})),
+        root.path());
+    isMounted = run->waitForOutput("ready\n", 5000);
+    if (!isMounted) {
+        reason = "mounting vrec-stallfs is not permitted here: " + run->errors();
+    }
+}
+
+StallFs::~StallFs() {
+    if (isMounted) {
+        std::string out;
+        if (!inPath("fusermount3") ||
+            runToEnd({"/bin/sh", "-c", "exec fusermount3 -u \"$0\"", dir()}, "/", &out) != 0) {
+            umount2(dir().c_str(), MNT_DETACH);
+        }
+    }
+    if (run) {
+        run->launcherStatus(5000);  // ends by itself once unmounted
+    }
+}
+
+bool StallFs::control(const std::string& line) {
+    const std::string answer = "done " + line + "\n";
+    const size_t before = occurrences(run ? run->output() : "", answer);
+    const int fd = open(root.file("ctl").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    const bool sent = fd != -1 && write(fd, (line + "\n").data(), line.size() + 1) ==
+                                      static_cast<ssize_t>(line.size() + 1);
+    if (fd != -1) {
+        close(fd);
+    }
+    return sent && waitFor([&] { return occurrences(run->output(), answer) > before; });
 }
 
 }  // namespace testkit

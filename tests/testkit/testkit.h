@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -172,6 +173,31 @@ public:
     const std::string dir;
     BackgroundRun run;
     const bool ready;
+};
+
+// vrec-stallfs mounted over a fresh directory: what is written under dir() lands in
+// backing(), and writes, flushes, fsyncs and creates stall as `args` say ("--every-ms",
+// "1000", "--stall-ms", "250"). Where FUSE cannot be used, mounted() is false and whyNot()
+// says why, for GTEST_SKIP() << fs.whyNot().
+class StallFs {
+public:
+    explicit StallFs(const std::vector<std::string>& args = {});
+    ~StallFs();  // unmounts (fusermount3 -u) and waits for the file system's process
+    StallFs(const StallFs&) = delete;
+    StallFs& operator=(const StallFs&) = delete;
+    bool mounted() const { return isMounted; }
+    const std::string& whyNot() const { return reason; }
+    std::string dir() const { return root.file("mnt"); }
+    std::string backing() const { return root.file("data"); }
+    // A control line, "stall MS" (every such call waits until MS from now), "every N STALL"
+    // (a new schedule) or "stats"; true once the file system has taken it.
+    bool control(const std::string& line);
+
+private:
+    TempDir root;
+    std::unique_ptr<BackgroundRun> run;
+    bool isMounted = false;
+    std::string reason;
 };
 
 }  // namespace testkit
