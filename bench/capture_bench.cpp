@@ -1,8 +1,12 @@
-// Capture throughput: how fast vrec moves a module's Diag stream from its terminal into a
-// log file, next to a plain read loop on the same kind of terminal, what that costs in
-// processor time and memory, and the highest rate a module that never waits for the host
-// can send at without losing bytes. Not a test: it prints figures.
-//   capture_bench [MiB of stream, default 256] [--no-sweep]
+// Capture throughput: vrec against a plain copy of the same terminal stream (wait, read up to
+// 64 KiB, write each read to a file: what the field's capture tools do), in pairs, taking
+// the medians of several rounds. Figures: MB/s, processor seconds per GiB and peak resident
+// memory of the capturing process, from a terminal fed in 64 KiB blocks and from the
+// simulator's one-write-per-packet stream; then, on storage that stalls 250 ms every second,
+// the highest rate of a module that never waits (the simulator's driver model) at which
+// nothing is lost. Not a test: it prints figures.
+//   capture_bench [--quick] [--rounds N] [--blocks MIB] [--packets MIB]
+//                 [--rates MB,MB,...] [--seconds S] [--no-sweep]
 #include <fcntl.h>
 #include <net/if.h>
 #include <poll.h>
@@ -10,7 +14,9 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -40,11 +46,21 @@ using Clock = std::chrono::steady_clock;
 const std::string kBin = VREC_BINARY_DIR;
 const std::string kVrec = kBin + "/vrecCmd/vrec";
 const std::string kSim = kBin + "/tools/vrec-modemsim";
-const std::string kInspect = kBin + "/tools/vrec-inspect";
+const std::string kStallFs = kBin + "/tools/vrec-stallfs";
+constexpr double kGiB = 1024.0 * 1024 * 1024;
 
 // Log configuration operation 3, which starts the simulator's stream, and operation 0.
 const std::string kStartRequest("\x73\0\0\0\x03\0\0\0\x01\0\0\0\x07\0\0\0\xFF", 17);
 const std::string kStopRequest("\x73\0\0\0\0\0\0\0", 8);
+
+struct Settings {
+    int rounds = 5;
+    uint64_t blockMiB = 256;
+    uint64_t packetMiB = 64;
+    std::vector<long> ratesMB = {2, 4, 8, 16, 24, 32, 48};
+    int seconds = 4;
+    bool sweep = true;
+};
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -73,13 +89,13 @@ uint64_t fileSize(const std::string& path) {
 
 // Starts `argv` in `dir` with its standard output to `out`.
 pid_t spawn(const std::vector<std::string>& argv, const std::string& dir, const std::string& out) {
+    std::vector<char*> args;
+    for (const std::string& a : argv) {
+        args.push_back(const_cast<char*>(a.c_str()));
+    }
+    args.push_back(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
-        std::vector<char*> args;
-        for (const std::string& a : argv) {
-            args.push_back(const_cast<char*>(a.c_str()));
-        }
-        args.push_back(nullptr);
         const int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         if (chdir(dir.c_str()) != 0 || fd < 0) {
             _exit(126);
@@ -103,29 +119,90 @@ bool waitFor(const std::string& path, const std::string& text, double seconds) {
     return true;
 }
 
-int finish(pid_t pid, int signal) {
-    if (signal != 0 && pid > 0) {
+// How a process of ours ended, with what it cost.
+struct Usage {
+    double cpuSeconds = 0;  // user and system
+    long peakKiB = 0;       // largest resident set
+};
+
+Usage finish(pid_t pid, int signal) {
+    if (pid <= 0) {
+        return Usage();
+    }
+    if (signal != 0) {
         kill(pid, signal);
     }
     int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    rusage use{};
+    wait4(pid, &status, 0, &use);
+    Usage usage;
+    usage.cpuSeconds = static_cast<double>(use.ru_utime.tv_sec + use.ru_stime.tv_sec) +
+                       static_cast<double>(use.ru_utime.tv_usec + use.ru_stime.tv_usec) / 1e6;
+    usage.peakKiB = use.ru_maxrss;
+    return usage;
 }
 
-// The simulator, with its Diag port "diag" in `dir`; -1 if it did not come up.
-pid_t startSim(const std::string& dir, std::vector<std::string> args) {
-    args.insert(args.begin(), {kSim, "--diag", "diag", "--record", "record.txt"});
-    const pid_t pid = spawn(args, dir, dir + "/sim.out");
-    if (!waitFor(dir + "/sim.out", "ready\n", 5)) {
-        fprintf(stderr, "the simulator did not start in %s\n", dir.c_str());
-        finish(pid, SIGKILL);
-        return -1;
+// Opens `port` raw, as a capture tool does.
+int openRaw(const std::string& port) {
+    const int fd = open(port.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios tio{};
+    tcgetattr(fd, &tio);
+    cfmakeraw(&tio);
+    tcsetattr(fd, TCSANOW, &tio);
+    return fd;
+}
+
+// The plain copy, run as a process of its own (this program with --plain-copy) so that its
+// processor time is its own: asks for the stream, then waits, reads up to 64 KiB and writes
+// each read to `file`, until `bytes` came (0: until it is told to end).
+int plainCopy(const std::string& port, const std::string& file, uint64_t bytes) {
+    const int fd = openRaw(port);
+    const int out = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0 || out < 0) {
+        perror("plain copy: open");
+        return 1;
     }
-    return pid;
+    const std::string start = vtools::frame(kStartRequest);
+    if (write(fd, start.data(), start.size()) != static_cast<ssize_t>(start.size())) {
+        perror("plain copy: write");
+    }
+    std::vector<char> buffer(64 * 1024);
+    for (uint64_t got = 0; bytes == 0 || got < bytes;) {
+        pollfd pfd{fd, POLLIN, 0};
+        const int ready = poll(&pfd, 1, bytes == 0 ? -1 : 10000);
+        if (ready == 0 || (ready < 0 && errno != EINTR)) {
+            return 1;
+        }
+        const ssize_t n = read(fd, buffer.data(), buffer.size());
+        if (n <= 0) {
+            return n == 0 ? 0 : 1;
+        }
+        got += static_cast<uint64_t>(n);
+        for (ssize_t done = 0; done < n;) {
+            const ssize_t w = write(out, buffer.data() + done, static_cast<size_t>(n - done));
+            if (w <= 0) {
+                return 1;
+            }
+            done += w;
+        }
+    }
+    // Our own peak: the one the parent learns of at the end may be that of the process
+    // forked to start this one.
+    const std::string status = readAll("/proc/self/status");
+    const size_t at = status.find("VmHWM:");
+    printf("peak %ld KiB\n", at == std::string::npos ? 0 : atol(status.c_str() + at + 6));
+    return 0;
 }
 
-// vrec captures in `dir` from `port`; the pid of the background run, -1 if none.
-pid_t startVrec(const std::string& dir, const std::string& port) {
+pid_t startCopy(const std::string& port, const std::string& file, uint64_t bytes,
+                const std::string& dir) {
+    return spawn({"/proc/self/exe", "--plain-copy", port, file, std::to_string(bytes)}, dir,
+                 dir + "/copy.out");
+}
+
+// vrec captures in `dir` from `port`, printing to `out`; the pid of the background run, -1
+// if none.
+pid_t startVrec(const std::string& dir, const std::string& port, const std::string& out) {
     for (const auto& file : {std::make_pair("/startcmd.txt", kStartRequest),
                              std::make_pair("/stopcmd.txt", kStopRequest)}) {
         std::string text = "{";
@@ -136,14 +213,14 @@ pid_t startVrec(const std::string& dir, const std::string& port) {
         }
         writeAll(dir + file.first, text + "}");
     }
-    // vrec forks and its launcher ends once the run is up; the run, its child, comes to us.
-    finish(spawn({kVrec, "-d", port}, dir, dir + "/vrec.out"), 0);
+    // vrec forks and its launcher ends at once; the run is the child, which comes to us.
+    finish(spawn({kVrec, "-d", port}, dir, out), 0);
     const std::string self = std::to_string(getpid());
     for (int tries = 0; tries < 1000; ++tries) {
         std::ifstream children("/proc/" + self + "/task/" + self + "/children");
         pid_t child = 0;
         while (children >> child) {
-            if (readAll("/proc/" + std::to_string(child) + "/comm") == "vrec\n") {
+            if (child > 0 && readAll("/proc/" + std::to_string(child) + "/comm") == "vrec\n") {
                 return child;
             }
         }
@@ -152,14 +229,77 @@ pid_t startVrec(const std::string& dir, const std::string& port) {
     return -1;
 }
 
+// The simulator, with its Diag port "diag" and control FIFO "ctl" in `dir`.
+class Sim {
+public:
+    Sim(const std::string& where, std::vector<std::string> args) : dir(where) {
+        args.insert(args.begin(),
+                    {kSim, "--diag", "diag", "--record", "record.txt", "--control", "ctl"});
+        pid = spawn(args, dir, dir + "/sim.out");
+        if (!waitFor(dir + "/sim.out", "ready\n", 5)) {
+            fprintf(stderr, "the simulator did not start in %s\n", dir.c_str());
+            finish(pid, SIGKILL);
+            pid = -1;
+        }
+    }
+    ~Sim() { finish(pid, SIGTERM); }
+    Sim(const Sim&) = delete;
+    Sim& operator=(const Sim&) = delete;
+    bool ready() const { return pid > 0; }
+    std::string port() const { return dir + "/diag"; }
+
+    struct Counts {
+        unsigned long long offered = 0, written = 0, dropped = 0, queued = 0;
+        bool valid = false;
+    };
+    Counts counts() {
+        const std::string out = dir + "/sim.out";
+        const std::string earlier = readAll(out);
+        const size_t before = static_cast<size_t>(std::count(earlier.begin(), earlier.end(), '\n'));
+        writeAll(dir + "/ctl", "stats\n");
+        Counts c;
+        for (const auto start = Clock::now(); secondsSince(start) < 5; usleep(2000)) {
+            const std::string text = readAll(out);
+            if (static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) > before + 1) {
+                const size_t at = text.rfind("stats: diag ");
+                c.valid = at != std::string::npos &&
+                          sscanf(text.c_str() + at,
+                                 "stats: diag offered %llu written %llu "
+                                 "dropped %llu queued %llu",
+                                 &c.offered, &c.written, &c.dropped, &c.queued) == 4;
+                break;
+            }
+        }
+        return c;
+    }
+    // The counts once the stream has ended and the host took everything that was queued.
+    Counts settled(double seconds) {
+        waitFor(dir + "/record.txt", "stream stop", seconds);
+        Counts last;
+        for (const auto start = Clock::now(); secondsSince(start) < 15; usleep(100 * 1000)) {
+            const Counts now = counts();
+            if (now.valid && now.queued == 0 && now.written == last.written) {
+                return now;
+            }
+            last = now;
+        }
+        return Counts();
+    }
+
+private:
+    std::string dir;
+    pid_t pid = -1;
+};
+
 // A module stand-in on a pseudo-terminal of our own that, once the host's start request
-// has come, writes the stream in blocks of 64 KiB: a source faster than the simulator,
-// whose writes are one packet each.
+// has come, writes the stream in blocks of 64 KiB as fast as the host takes them.
 class BlockSource {
 public:
     explicit BlockSource(const std::string& stream) {
         char name[128] = {};
         openpty(&master, &slave, name, nullptr, nullptr);
+        fcntl(master, F_SETFD, FD_CLOEXEC);
+        fcntl(slave, F_SETFD, FD_CLOEXEC);
         termios tio{};
         tcgetattr(slave, &tio);
         cfmakeraw(&tio);
@@ -194,229 +334,312 @@ private:
     std::thread writer;
 };
 
-double cpuSeconds(pid_t pid) {
-    const std::string stat = readAll("/proc/" + std::to_string(pid) + "/stat");
-    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
-    std::string field;
-    unsigned long long ticks = 0;
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-        if (i >= 14) {  // utime, stime
-            ticks += strtoull(field.c_str(), nullptr, 10);
-        }
-    }
-    return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
-long peakKiB(pid_t pid) {
-    const std::string status = readAll("/proc/" + std::to_string(pid) + "/status");
-    const size_t at = status.find("VmHWM:");
-    return at == std::string::npos ? -1 : strtol(status.c_str() + at + 6, nullptr, 10);
-}
-
-// Opens `port` raw for a plain copy, asks for the stream, and opens the copy's file.
-int openCopy(const std::string& dir, const std::string& port, int* out) {
-    const int fd = open(port.c_str(), O_RDWR | O_NOCTTY);
-    termios tio{};
-    tcgetattr(fd, &tio);
-    cfmakeraw(&tio);
-    tcsetattr(fd, TCSANOW, &tio);
-    *out = open((dir + "/copy.bin").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const std::string start = vtools::frame(kStartRequest);
-    if (write(fd, start.data(), start.size()) != static_cast<ssize_t>(start.size())) {
-        perror("write");
-    }
-    return fd;
-}
-
-// A plain copy: a read loop with large reads from `port` into a file, `bytes` long, after
-// the start request.
-double plainCopy(const std::string& dir, const std::string& port, uint64_t bytes) {
-    int out = -1;
-    const int fd = openCopy(dir, port, &out);
-    std::vector<char> buffer(1 << 20);
-    uint64_t got = 0;
-    Clock::time_point first;
-    while (got < bytes) {
-        pollfd pfd{fd, POLLIN, 0};
-        if (poll(&pfd, 1, 5000) <= 0) {
-            break;
-        }
-        const ssize_t n = read(fd, buffer.data(), buffer.size());
-        if (n <= 0) {
-            break;
-        }
-        if (got == 0) {
-            first = Clock::now();
-        }
-        got += static_cast<uint64_t>(n);
-        if (write(out, buffer.data(), static_cast<size_t>(n)) != n) {
-            perror("write");
-        }
-    }
-    const double seconds = secondsSince(first);
-    close(out);
-    close(fd);
-    if (got != bytes) {
-        fprintf(stderr, "plain copy: %llu of %llu bytes\n", static_cast<unsigned long long>(got),
-                static_cast<unsigned long long>(bytes));
-    }
-    return static_cast<double>(got) / 1e6 / seconds;
-}
-
-struct Capture {
+struct Figures {
     double mbps = 0;
     double cpuPerGiB = 0;
-    long peak = 0;
-    int stopStatus = -1;
-    std::string verdict;
+    long peakKiB = 0;
+    bool whole = false;
 };
 
-Capture vrecCapture(const std::string& dir, const std::string& port, uint64_t bytes) {
-    Capture result;
-    const pid_t vrec = startVrec(dir, port);
-    if (vrec < 0) {
-        fprintf(stderr, "vrec did not start: %s\n", readAll(dir + "/vrec.out").c_str());
-        return result;
-    }
-    const std::string log = dir + "/real_log.bin";
+// One capture of `stream` from `port` into `file` by the process `pid`: MB/s from the
+// first byte in the file to the last, and what the process cost once `stop` ended it.
+Figures measure(pid_t pid, const std::string& file, const std::string& stream, int stop) {
+    Figures figures;
     const auto launched = Clock::now();
-    while (fileSize(log) == 0 && secondsSince(launched) < 30) {
+    while (fileSize(file) == 0 && secondsSince(launched) < 30) {
         usleep(200);
     }
     const auto first = Clock::now();
-    const double cpuFirst = cpuSeconds(vrec);
     uint64_t size = 0;
-    while ((size = fileSize(log)) < bytes && secondsSince(first) < 600) {
-        usleep(1000);
+    while ((size = fileSize(file)) < stream.size() && secondsSince(first) < 300) {
+        usleep(500);
     }
-    const double seconds = secondsSince(first);
-    result.cpuPerGiB = (cpuSeconds(vrec) - cpuFirst) / (static_cast<double>(size) / (1 << 30));
-    result.peak = peakKiB(vrec);
-    result.mbps = static_cast<double>(size) / 1e6 / seconds;
-    result.stopStatus = finish(vrec, SIGQUIT);
-    const pid_t inspect = spawn({kInspect, log}, dir, dir + "/inspect.out");
-    finish(inspect, 0);
-    const std::string report = readAll(dir + "/inspect.out");
-    const size_t at = report.find("verdict: ");
-    result.verdict = at == std::string::npos ? "no verdict" : report.substr(at + 9);
-    if (!result.verdict.empty() && result.verdict.back() == '\n') {
-        result.verdict.pop_back();
-    }
-    return result;
+    figures.mbps = static_cast<double>(size) / 1e6 / secondsSince(first);
+    const Usage usage = finish(pid, stop);
+    figures.cpuPerGiB = usage.cpuSeconds / (static_cast<double>(size) / kGiB);
+    figures.peakKiB = usage.peakKiB;
+    figures.whole = readAll(file) == stream;
+    return figures;
 }
 
-// A plain copy for the drop sweep: reads `port` into a file until the simulator's stream
-// has stopped and the port is quiet.
-void copyUntilQuiet(const std::string& dir, const std::string& port) {
-    int out = -1;
-    const int fd = openCopy(dir, port, &out);
-    std::vector<char> buffer(1 << 20);
-    const auto begun = Clock::now();
-    for (;;) {
-        pollfd pfd{fd, POLLIN, 0};
-        if (poll(&pfd, 1, 200) > 0) {
-            const ssize_t n = read(fd, buffer.data(), buffer.size());
-            if (n <= 0 || write(out, buffer.data(), static_cast<size_t>(n)) != n) {
-                break;
+// One pair of captures of `stream`: the plain copy and vrec, in the order `copyFirst` says,
+// each in a directory of its own, from a block source or from the simulator.
+void capturePair(const std::string& dir, const std::string& stream, uint64_t packets, bool blocks,
+                 bool copyFirst, Figures* copy, Figures* vrec) {
+    for (const bool byCopy : {copyFirst, !copyFirst}) {
+        const std::string where = dir + (byCopy ? "/copy" : "/vrec");
+        mkdir(where.c_str(), 0755);
+        std::unique_ptr<BlockSource> source;
+        std::unique_ptr<Sim> sim;
+        std::string port;
+        if (blocks) {
+            source = std::make_unique<BlockSource>(stream);
+            port = source->path;
+        } else {
+            sim = std::make_unique<Sim>(
+                where, std::vector<std::string>{"--total", std::to_string(packets)});
+            port = sim->port();
+        }
+        if (byCopy) {
+            const std::string file = where + "/copy.bin";
+            *copy = measure(startCopy(port, file, stream.size(), where), file, stream, 0);
+            const std::string said = readAll(where + "/copy.out");
+            const size_t at = said.find("peak ");
+            copy->peakKiB = at == std::string::npos ? 0 : atol(said.c_str() + at + 5);
+        } else {
+            *vrec = measure(startVrec(where, port, where + "/vrec.out"), where + "/real_log.bin",
+                            stream, SIGQUIT);
+        }
+        sim.reset();
+        source.reset();
+        removeTree(where);
+    }
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const size_t n = values.size();
+    return n == 0 ? 0 : n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+// The module's answer to the start request, then `packets` packets of the stream.
+std::string streamOf(uint64_t packets) {
+    std::string stream = vtools::frame(kStartRequest.substr(0, 8) + std::string(4, '\0'));
+    for (uint64_t seq = 0; seq < packets; ++seq) {
+        stream += vtools::frame(vtools::simLogPacket(static_cast<uint32_t>(seq)));
+    }
+    return stream;
+}
+
+uint64_t packetsFor(uint64_t bytes) {
+    uint64_t packets = 0;
+    for (uint64_t size = 0; size < bytes; ++packets) {
+        size += vtools::frame(vtools::simLogPacket(static_cast<uint32_t>(packets))).size();
+    }
+    return packets;
+}
+
+uint64_t meanFrameSize() {
+    static const uint64_t mean = [] {
+        constexpr uint64_t kSample = 100000;
+        uint64_t bytes = 0;
+        for (uint64_t seq = 0; seq < kSample; ++seq) {
+            bytes += vtools::frame(vtools::simLogPacket(static_cast<uint32_t>(seq))).size();
+        }
+        return bytes / kSample;
+    }();
+    return mean;
+}
+
+void compare(const Settings& settings, const std::string& dir, bool blocks) {
+    const uint64_t mib = blocks ? settings.blockMiB : settings.packetMiB;
+    const uint64_t packets = packetsFor(mib << 20);
+    const std::string stream = streamOf(packets);
+    std::vector<double> mbps[2], cpu[2];
+    long peak[2] = {0, 0};
+    int whole[2] = {0, 0};
+    for (int round = 0; round < settings.rounds; ++round) {
+        Figures figures[2];
+        capturePair(dir, stream, packets, blocks, round % 2 == 0, &figures[0], &figures[1]);
+        for (int who = 0; who < 2; ++who) {
+            mbps[who].push_back(figures[who].mbps);
+            cpu[who].push_back(figures[who].cpuPerGiB);
+            peak[who] = std::max(peak[who], figures[who].peakKiB);
+            whole[who] += figures[who].whole ? 1 : 0;
+        }
+    }
+    char source[64];
+    snprintf(source, sizeof(source), "%s (%llu MiB)",
+             blocks ? "64 KiB blocks" : "simulator packets", static_cast<unsigned long long>(mib));
+    for (int who = 0; who < 2; ++who) {
+        printf("%-28s %-11s %8.1f %11.2f %8.1f MiB %5d/%d\n", who == 0 ? source : "",
+               who == 0 ? "plain copy" : "vrec", median(mbps[who]), median(cpu[who]),
+               static_cast<double>(peak[who]) / 1024, whole[who], settings.rounds);
+    }
+    printf("%-28s vrec/copy   %8.2f %11.2f\n", "", median(mbps[1]) / median(mbps[0]),
+           median(cpu[1]) / median(cpu[0]));
+    fflush(stdout);
+}
+
+// vrec-stallfs over `dir`/mnt, mirroring `dir`/data; unmounted at the end of the scope.
+class StallingStorage {
+public:
+    explicit StallingStorage(const std::string& where) : mnt(where + "/mnt") {
+        const std::string data = where + "/data";
+        mkdir(where.c_str(), 0755);
+        mkdir(mnt.c_str(), 0755);
+        mkdir(data.c_str(), 0755);
+        if (access(kStallFs.c_str(), X_OK) != 0) {
+            why = "vrec-stallfs was not built (libfuse3 missing; scripts/setup.sh installs it)";
+            return;
+        }
+        pid = spawn({kStallFs, "--every-ms", "1000", "--stall-ms", "250", data, mnt}, where,
+                    where + "/stallfs.out");
+        if (!waitFor(where + "/stallfs.out", "ready\n", 5)) {
+            why = "vrec-stallfs did not mount: " + readAll(where + "/stallfs.out");
+            finish(pid, SIGKILL);
+            pid = -1;
+        }
+    }
+    ~StallingStorage() {
+        if (pid > 0) {
+            finish(spawn({"/bin/sh", "-c", "exec fusermount3 -u \"$0\"", mnt}, "/", "/dev/null"),
+                   0);
+            finish(pid, 0);
+        }
+    }
+    StallingStorage(const StallingStorage&) = delete;
+    StallingStorage& operator=(const StallingStorage&) = delete;
+    bool mounted() const { return pid > 0; }
+    const std::string mnt;
+    std::string why;
+
+private:
+    pid_t pid = -1;
+};
+
+// One capture onto the stalling storage of a module that never waits, sending `mbPerSecond`
+// MB/s for `seconds`: the bytes lost at the source or in the capture, UINT64_MAX if the run
+// failed.
+uint64_t lostAt(const std::string& dir, const std::string& storage, long mbPerSecond, int seconds,
+                bool byVrec) {
+    const std::string simDir = dir + "/sim";
+    const std::string capDir = storage + "/run";
+    mkdir(simDir.c_str(), 0755);
+    mkdir(capDir.c_str(), 0755);
+    const long bytesPerSecond = mbPerSecond * 1000000;
+    const uint64_t packets = static_cast<uint64_t>(bytesPerSecond) * seconds / meanFrameSize();
+    uint64_t lost = UINT64_MAX;
+    {
+        Sim sim(simDir, {"--drop-when-full", "--byte-rate", std::to_string(bytesPerSecond),
+                         "--total", std::to_string(packets)});
+        const std::string file = capDir + (byVrec ? "/real_log.bin" : "/copy.bin");
+        const pid_t capture = !sim.ready() ? -1
+                              : byVrec     ? startVrec(capDir, sim.port(), simDir + "/vrec.out")
+                                           : startCopy(sim.port(), file, 0, simDir);
+        if (capture > 0) {
+            const Sim::Counts counts = sim.settled(seconds + 20);
+            // The capture's storage may still be in a stall: give it time to catch up.
+            for (const auto start = Clock::now();
+                 fileSize(file) < counts.written && secondsSince(start) < 3; usleep(10000)) {
             }
-        } else if (readAll(dir + "/record.txt").find("stream stop") != std::string::npos ||
-                   secondsSince(begun) > 30) {
+            const uint64_t captured = fileSize(file);
+            finish(capture, byVrec ? SIGQUIT : SIGTERM);
+            if (counts.valid) {
+                lost = counts.dropped + (counts.written > captured ? counts.written - captured : 0);
+            }
+        }
+    }
+    removeTree(simDir);
+    removeTree(capDir);
+    return lost;
+}
+
+void stallSweep(const Settings& settings, const std::string& dir) {
+    StallingStorage storage(dir + "/stall");
+    if (!storage.mounted()) {
+        printf("stalling storage: left out: %s\n", storage.why.c_str());
+        return;
+    }
+    printf(
+        "\nstalling storage (writes stall 250 ms every 1 s), module never waits\n"
+        "(vrec-modemsim --drop-when-full, 640 KiB host buffer), %d s per rate:\n"
+        "%-10s %-24s %-24s\n",
+        settings.seconds, "MB/s", "plain copy", "vrec");
+    long best[2] = {0, 0};
+    bool failed[2] = {false, false};
+    for (const long rate : settings.ratesMB) {
+        std::string cells[2];
+        for (int who = 0; who < 2; ++who) {
+            if (failed[who]) {
+                cells[who] = "-";
+                continue;
+            }
+            const uint64_t lost = lostAt(dir, storage.mnt, rate, settings.seconds, who == 1);
+            failed[who] = lost != 0;
+            best[who] = lost == 0 ? rate : best[who];
+            cells[who] = lost == 0            ? "nothing lost"
+                         : lost == UINT64_MAX ? "run failed"
+                                              : "lost " + std::to_string(lost) + " bytes";
+        }
+        printf("%-10ld %-24s %-24s\n", rate, cells[0].c_str(), cells[1].c_str());
+        fflush(stdout);
+        if (failed[0] && failed[1]) {
             break;
         }
     }
-    close(out);
-    close(fd);
+    printf("highest rate with nothing lost: plain copy %ld MB/s, vrec %ld MB/s%s\n", best[0],
+           best[1], failed[1] ? "" : " (the highest tried)");
 }
 
-// One capture by vrec or by a plain copy of a module that never waits, sending `rate`
-// packets a second for 2 seconds: the bytes it dropped, and the rate it reached in MB/s.
-uint64_t droppedAt(const std::string& dir, long rate, bool byVrec, double* mbps) {
-    mkdir(dir.c_str(), 0755);
-    const pid_t sim = startSim(dir, {"--drop-when-full", "--rate", std::to_string(rate), "--total",
-                                     std::to_string(rate * 2)});
-    if (sim < 0) {
-        return UINT64_MAX;
-    }
-    if (byVrec) {
-        const pid_t vrec = startVrec(dir, "./diag");
-        waitFor(dir + "/record.txt", "stream stop", 30);
-        usleep(300000);  // the last bytes on their way into the file
-        finish(vrec, SIGQUIT);
-    } else {
-        copyUntilQuiet(dir, dir + "/diag");
-    }
-    finish(sim, SIGTERM);
-    const std::string out = readAll(dir + "/sim.out");
-    const std::string record = readAll(dir + "/record.txt");
-    removeTree(dir);
-    unsigned long long offered = 0;
-    unsigned long long written = 0;
-    unsigned long long dropped = UINT64_MAX;
-    const size_t stats = out.rfind("stats: diag");
-    if (stats != std::string::npos) {
-        sscanf(out.c_str() + stats, "stats: diag offered %llu written %llu dropped %llu", &offered,
-               &written, &dropped);
-    }
-    // The stream's own time, from the simulator's record.
-    const size_t startAt = record.rfind('\n', record.find(" stream start"));
-    const size_t stopAt = record.rfind('\n', record.find(" stream stop"));
-    const long startMs = strtol(record.c_str() + startAt + 1, nullptr, 10);
-    const long stopMs = strtol(record.c_str() + stopAt + 1, nullptr, 10);
-    *mbps =
-        static_cast<double>(offered) / 1e3 / static_cast<double>(std::max(1L, stopMs - startMs));
-    return dropped;
-}
-
-// The highest rate, in packets a second (about 96 bytes each), at which nothing is dropped:
-// doubled until bytes are lost, then three halvings of the gap.
-void sweep(const std::string& dir, bool byVrec) {
-    const char* reader = byVrec ? "vrec" : "plain copy";
-    long passed = 0;
-    long failed = 0;
-    double passedMbps = 0;
-    for (int step = 0; step < 20 && (failed == 0 || failed - passed > failed / 16); ++step) {
-        const long rate = failed == 0 ? 6250L << step : (passed + failed) / 2;
-        double mbps = 0;
-        const uint64_t lost = droppedAt(dir + "/rate", rate, byVrec, &mbps);
-        printf("  %-10s %8ld packets/s, %6.1f MB/s offered, %llu bytes dropped\n", reader, rate,
-               mbps, static_cast<unsigned long long>(lost));
-        fflush(stdout);
-        (lost == 0 ? passed : failed) = rate;
-        passedMbps = lost == 0 ? mbps : passedMbps;
-    }
-    printf("  %-10s highest rate with nothing dropped: %ld packets/s, %.1f MB/s\n", reader, passed,
-           passedMbps);
-}
-
-// A network namespace of our own, so that vrec's control port meets no other run.
-void isolateNetwork() {
+// Namespaces of our own: vrec's control port meets no other run, and the stalling storage
+// goes away with us whatever happens.
+void isolate() {
     if (unshare(CLONE_NEWNET) != 0) {
         fprintf(stderr, "note: no network namespace of our own (%s)\n", strerror(errno));
-        return;
+    } else {
+        const int sock = socket(AF_INET, SOCK_DGRAM, 0);
+        ifreq ifr{};
+        strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
+        if (ioctl(sock, SIOCGIFFLAGS, &ifr) == 0) {
+            ifr.ifr_flags |= IFF_UP;
+            ioctl(sock, SIOCSIFFLAGS, &ifr);
+        }
+        close(sock);
     }
-    const int sock = socket(AF_INET, SOCK_DGRAM, 0);
-    ifreq ifr{};
-    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    if (ioctl(sock, SIOCGIFFLAGS, &ifr) == 0) {
-        ifr.ifr_flags |= IFF_UP;
-        ioctl(sock, SIOCSIFFLAGS, &ifr);
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        fprintf(stderr, "note: no mount namespace of our own (%s)\n", strerror(errno));
     }
-    close(sock);
+}
+
+bool parseSettings(int argc, char** argv, Settings* settings) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const char* value = i + 1 < argc ? argv[i + 1] : "";
+        if (arg == "--quick") {
+            settings->blockMiB = 32;
+            settings->packetMiB = 8;
+            settings->seconds = 3;
+        } else if (arg == "--no-sweep") {
+            settings->sweep = false;
+        } else if (arg == "--rounds" && atoi(value) >= 1) {
+            settings->rounds = atoi(argv[++i]);
+        } else if (arg == "--blocks" && atoi(value) >= 1) {
+            settings->blockMiB = strtoull(argv[++i], nullptr, 10);
+        } else if (arg == "--packets" && atoi(value) >= 1) {
+            settings->packetMiB = strtoull(argv[++i], nullptr, 10);
+        } else if (arg == "--seconds" && atoi(value) >= 1) {
+            settings->seconds = atoi(argv[++i]);
+        } else if (arg == "--rates" && atol(value) >= 1) {
+            settings->ratesMB.clear();
+            std::istringstream list(argv[++i]);
+            for (std::string rate; std::getline(list, rate, ',');) {
+                settings->ratesMB.push_back(atol(rate.c_str()));
+            }
+        } else {
+            fprintf(stderr,
+                    "capture_bench: bad argument %s\n"
+                    "usage: capture_bench [--quick] [--rounds N] [--blocks MIB] [--packets MIB]\n"
+                    "                     [--rates MB,MB,...] [--seconds S] [--no-sweep]\n",
+                    arg.c_str());
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    uint64_t mib = 256;
-    bool withSweep = true;
-    for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--no-sweep") == 0) {
-            withSweep = false;
-        } else {
-            mib = strtoull(argv[i], nullptr, 10);
-        }
+    if (argc == 5 && strcmp(argv[1], "--plain-copy") == 0) {
+        return plainCopy(argv[2], argv[3], strtoull(argv[4], nullptr, 10));
     }
-    isolateNetwork();
+    Settings settings;
+    if (!parseSettings(argc, argv, &settings)) {
+        return 2;
+    }
+    isolate();
     prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     signal(SIGPIPE, SIG_IGN);
     char pattern[] = "/tmp/vrec-bench-XXXXXX";
@@ -426,66 +649,15 @@ int main(int argc, char** argv) {
     }
     const std::string dir = pattern;
 
-    // The stream: as many of the simulator's packets as make `mib` MiB, and the module's
-    // answer to the start request before them.
-    uint64_t packets = 0;
-    uint64_t bytes = vtools::frame(kStartRequest.substr(0, 8) + std::string(4, '\0')).size();
-    while (bytes < (mib << 20)) {
-        bytes += vtools::frame(vtools::simLogPacket(static_cast<uint32_t>(packets++))).size();
-    }
-    printf("stream: %llu packets, %llu bytes (%.1f MiB)\n",
-           static_cast<unsigned long long>(packets), static_cast<unsigned long long>(bytes),
-           static_cast<double>(bytes) / (1 << 20));
+    printf(
+        "%d rounds, medians; each round a plain copy and vrec on the same stream, in turn\n"
+        "%-28s %-11s %8s %11s %12s %7s\n",
+        settings.rounds, "source", "reader", "MB/s", "CPU s/GiB", "peak RSS", "whole");
     fflush(stdout);
-
-    // From the simulator, and from a source that writes in large blocks: a plain copy and
-    // vrec each, one after the other, each in a directory of its own.
-    std::string stream = vtools::frame(kStartRequest.substr(0, 8) + std::string(4, '\0'));
-    for (uint64_t seq = 0; seq < packets; ++seq) {
-        stream += vtools::frame(vtools::simLogPacket(static_cast<uint32_t>(seq)));
-    }
-    for (const bool blocks : {false, true}) {
-        double copy = 0;
-        Capture capture;
-        for (const char* part : {"copy", "vrec"}) {
-            const std::string where = dir + "/" + part;
-            mkdir(where.c_str(), 0755);
-            pid_t sim = -1;
-            std::unique_ptr<BlockSource> source;
-            std::string port = where + "/diag";
-            if (blocks) {
-                source = std::make_unique<BlockSource>(stream);
-                port = source->path;
-            } else {
-                sim = startSim(where, {"--total", std::to_string(packets)});
-            }
-            if (part[0] == 'c') {
-                copy = plainCopy(where, port, bytes);
-            } else {
-                capture = vrecCapture(where, port, bytes);
-            }
-            if (sim > 0) {
-                finish(sim, SIGTERM);
-            }
-            source.reset();
-            removeTree(where);
-        }
-        printf("%s\n", blocks ? "from a source writing blocks of 64 KiB:"
-                              : "from vrec-modemsim at rate 0 (one write per packet):");
-        printf("  plain copy:        %8.1f MB/s\n", copy);
-        printf("  vrec:              %8.1f MB/s (%.2f of the plain copy)\n", capture.mbps,
-               copy > 0 ? capture.mbps / copy : 0);
-        printf("  vrec processor:    %8.2f s per GiB\n", capture.cpuPerGiB);
-        printf("  vrec peak memory:  %8.1f MiB resident (VmHWM)\n", capture.peak / 1024.0);
-        printf("  vrec stop status:  %8d\n", capture.stopStatus);
-        printf("  capture:           %s (vrec-inspect)\n", capture.verdict.c_str());
-        fflush(stdout);
-    }
-
-    if (withSweep) {
-        printf("drop sweep (vrec-modemsim --drop-when-full, 2 s per rate):\n");
-        sweep(dir, false);
-        sweep(dir, true);
+    compare(settings, dir, true);
+    compare(settings, dir, false);
+    if (settings.sweep) {
+        stallSweep(settings, dir);
     }
     removeTree(dir);
     return 0;
