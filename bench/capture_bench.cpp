@@ -6,7 +6,7 @@
 // the highest rate of a module that never waits (the simulator's driver model) at which
 // nothing is lost. Not a test: it prints figures.
 //   capture_bench [--quick] [--rounds N] [--blocks MIB] [--packets MIB]
-//                 [--rates MB,MB,...] [--seconds S] [--no-sweep]
+//                 [--rates MB,MB,...] [--seconds S] [--stall MS/EVERY] [--no-sweep]
 #include <fcntl.h>
 #include <net/if.h>
 #include <poll.h>
@@ -59,6 +59,8 @@ struct Settings {
     uint64_t packetMiB = 64;
     std::vector<long> ratesMB = {2, 4, 8, 16, 24, 32, 48};
     int seconds = 4;
+    long stallMs = 250;
+    long everyMs = 1000;
     bool sweep = true;
 };
 
@@ -465,7 +467,7 @@ void compare(const Settings& settings, const std::string& dir, bool blocks) {
 // vrec-stallfs over `dir`/mnt, mirroring `dir`/data; unmounted at the end of the scope.
 class StallingStorage {
 public:
-    explicit StallingStorage(const std::string& where) : mnt(where + "/mnt") {
+    StallingStorage(const std::string& where, long stallMs, long everyMs) : mnt(where + "/mnt") {
         const std::string data = where + "/data";
         mkdir(where.c_str(), 0755);
         mkdir(mnt.c_str(), 0755);
@@ -474,8 +476,9 @@ public:
             why = "vrec-stallfs was not built (libfuse3 missing; scripts/setup.sh installs it)";
             return;
         }
-        pid = spawn({kStallFs, "--every-ms", "1000", "--stall-ms", "250", data, mnt}, where,
-                    where + "/stallfs.out");
+        pid = spawn({kStallFs, "--every-ms", std::to_string(everyMs), "--stall-ms",
+                     std::to_string(stallMs), data, mnt},
+                    where, where + "/stallfs.out");
         if (!waitFor(where + "/stallfs.out", "ready\n", 5)) {
             why = "vrec-stallfs did not mount: " + readAll(where + "/stallfs.out");
             finish(pid, SIGKILL);
@@ -537,16 +540,16 @@ uint64_t lostAt(const std::string& dir, const std::string& storage, long mbPerSe
 }
 
 void stallSweep(const Settings& settings, const std::string& dir) {
-    StallingStorage storage(dir + "/stall");
+    StallingStorage storage(dir + "/stall", settings.stallMs, settings.everyMs);
     if (!storage.mounted()) {
         printf("stalling storage: left out: %s\n", storage.why.c_str());
         return;
     }
     printf(
-        "\nstalling storage (writes stall 250 ms every 1 s), module never waits\n"
+        "\nstalling storage (writes stall %ld ms every %ld ms), module never waits\n"
         "(vrec-modemsim --drop-when-full, 640 KiB host buffer), %d s per rate:\n"
         "%-10s %-24s %-24s\n",
-        settings.seconds, "MB/s", "plain copy", "vrec");
+        settings.stallMs, settings.everyMs, settings.seconds, "MB/s", "plain copy", "vrec");
     long best[2] = {0, 0};
     bool failed[2] = {false, false};
     for (const long rate : settings.ratesMB) {
@@ -612,6 +615,9 @@ bool parseSettings(int argc, char** argv, Settings* settings) {
             settings->packetMiB = strtoull(argv[++i], nullptr, 10);
         } else if (arg == "--seconds" && atoi(value) >= 1) {
             settings->seconds = atoi(argv[++i]);
+        } else if (arg == "--stall" &&
+                   sscanf(value, "%ld/%ld", &settings->stallMs, &settings->everyMs) == 2) {
+            ++i;
         } else if (arg == "--rates" && atol(value) >= 1) {
             settings->ratesMB.clear();
             std::istringstream list(argv[++i]);
@@ -622,7 +628,8 @@ bool parseSettings(int argc, char** argv, Settings* settings) {
             fprintf(stderr,
                     "capture_bench: bad argument %s\n"
                     "usage: capture_bench [--quick] [--rounds N] [--blocks MIB] [--packets MIB]\n"
-                    "                     [--rates MB,MB,...] [--seconds S] [--no-sweep]\n",
+                    "                     [--rates MB,MB,...] [--seconds S] [--stall MS/EVERY]\n"
+                    "                     [--no-sweep]\n",
                     arg.c_str());
             return false;
         }
