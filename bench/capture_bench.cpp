@@ -251,7 +251,7 @@ public:
     std::string port() const { return dir + "/diag"; }
 
     struct Counts {
-        unsigned long long offered = 0, written = 0, dropped = 0, queued = 0;
+        unsigned long long offered = 0, written = 0, dropped = 0, queued = 0, drops = 0, lateMs = 0;
         bool valid = false;
     };
     Counts counts() {
@@ -264,11 +264,12 @@ public:
             const std::string text = readAll(out);
             if (static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) > before + 1) {
                 const size_t at = text.rfind("stats: diag ");
-                c.valid = at != std::string::npos &&
-                          sscanf(text.c_str() + at,
-                                 "stats: diag offered %llu written %llu "
-                                 "dropped %llu queued %llu",
-                                 &c.offered, &c.written, &c.dropped, &c.queued) == 4;
+                c.valid =
+                    at != std::string::npos &&
+                    sscanf(text.c_str() + at,
+                           "stats: diag offered %llu written %llu dropped %llu queued %llu "
+                           "drops %llu late-ms %llu",
+                           &c.offered, &c.written, &c.dropped, &c.queued, &c.drops, &c.lateMs) == 6;
                 break;
             }
         }
@@ -503,9 +504,13 @@ private:
 };
 
 // One capture onto the stalling storage of a module that never waits, sending `mbPerSecond`
-// MB/s for `seconds`: the bytes lost at the source or in the capture, UINT64_MAX if the run
-// failed.
-uint64_t lostAt(const std::string& dir, const std::string& storage, long mbPerSecond, int seconds,
+// MB/s for `seconds`.
+struct SweepRun {
+    uint64_t lost = UINT64_MAX;  // at the source or in the capture; UINT64_MAX: the run failed
+    double mbps = 0;             // what the simulator offered, in its stream's own time
+};
+
+SweepRun lostAt(const std::string& dir, const std::string& storage, long mbPerSecond, int seconds,
                 bool byVrec) {
     const std::string simDir = dir + "/sim";
     const std::string capDir = storage + "/run";
@@ -513,7 +518,7 @@ uint64_t lostAt(const std::string& dir, const std::string& storage, long mbPerSe
     mkdir(capDir.c_str(), 0755);
     const long bytesPerSecond = mbPerSecond * 1000000;
     const uint64_t packets = static_cast<uint64_t>(bytesPerSecond) * seconds / meanFrameSize();
-    uint64_t lost = UINT64_MAX;
+    SweepRun run;
     {
         Sim sim(simDir, {"--drop-when-full", "--byte-rate", std::to_string(bytesPerSecond),
                          "--total", std::to_string(packets)});
@@ -530,13 +535,21 @@ uint64_t lostAt(const std::string& dir, const std::string& storage, long mbPerSe
             const uint64_t captured = fileSize(file);
             finish(capture, byVrec ? SIGQUIT : SIGTERM);
             if (counts.valid) {
-                lost = counts.dropped + (counts.written > captured ? counts.written - captured : 0);
+                run.lost =
+                    counts.dropped + (counts.written > captured ? counts.written - captured : 0);
             }
+            // The stream's own time, from the simulator's record.
+            const std::string record = readAll(simDir + "/record.txt");
+            const size_t startAt = record.rfind('\n', record.find(" stream start"));
+            const size_t stopAt = record.rfind('\n', record.find(" stream stop"));
+            const long ms = atol(record.c_str() + stopAt + 1) - atol(record.c_str() + startAt + 1);
+            run.mbps =
+                static_cast<double>(counts.offered) / 1e3 / static_cast<double>(std::max(1L, ms));
         }
     }
     removeTree(simDir);
     removeTree(capDir);
-    return lost;
+    return run;
 }
 
 void stallSweep(const Settings& settings, const std::string& dir) {
@@ -547,10 +560,12 @@ void stallSweep(const Settings& settings, const std::string& dir) {
     }
     printf(
         "\nstalling storage (writes stall %ld ms every %ld ms), module never waits\n"
-        "(vrec-modemsim --drop-when-full, 640 KiB host buffer), %d s per rate:\n"
-        "%-10s %-24s %-24s\n",
+        "(vrec-modemsim --drop-when-full, 640 KiB host buffer), %d s per rate;\n"
+        "in brackets the rate the simulator reached:\n"
+        "%-10s %-30s %-30s\n",
         settings.stallMs, settings.everyMs, settings.seconds, "MB/s", "plain copy", "vrec");
     long best[2] = {0, 0};
+    double reached[2] = {0, 0};
     bool failed[2] = {false, false};
     for (const long rate : settings.ratesMB) {
         std::string cells[2];
@@ -559,21 +574,29 @@ void stallSweep(const Settings& settings, const std::string& dir) {
                 cells[who] = "-";
                 continue;
             }
-            const uint64_t lost = lostAt(dir, storage.mnt, rate, settings.seconds, who == 1);
-            failed[who] = lost != 0;
-            best[who] = lost == 0 ? rate : best[who];
-            cells[who] = lost == 0            ? "nothing lost"
-                         : lost == UINT64_MAX ? "run failed"
-                                              : "lost " + std::to_string(lost) + " bytes";
+            const SweepRun run = lostAt(dir, storage.mnt, rate, settings.seconds, who == 1);
+            failed[who] = run.lost != 0;
+            if (!failed[who]) {
+                best[who] = rate;
+                reached[who] = run.mbps;
+            }
+            char mbps[32];
+            snprintf(mbps, sizeof(mbps), " (%.1f)", run.mbps);
+            cells[who] = run.lost == 0 ? "nothing lost" + std::string(mbps)
+                         : run.lost == UINT64_MAX
+                             ? "run failed"
+                             : "lost " + std::to_string(run.lost) + " bytes" + mbps;
         }
-        printf("%-10ld %-24s %-24s\n", rate, cells[0].c_str(), cells[1].c_str());
+        printf("%-10ld %-30s %-30s\n", rate, cells[0].c_str(), cells[1].c_str());
         fflush(stdout);
         if (failed[0] && failed[1]) {
             break;
         }
     }
-    printf("highest rate with nothing lost: plain copy %ld MB/s, vrec %ld MB/s%s\n", best[0],
-           best[1], failed[1] ? "" : " (the highest tried)");
+    printf(
+        "highest rate with nothing lost: plain copy %ld MB/s (%.1f reached), vrec %ld MB/s "
+        "(%.1f reached)%s\n",
+        best[0], reached[0], best[1], reached[1], failed[1] ? "" : ", the highest tried");
 }
 
 // Namespaces of our own: vrec's control port meets no other run, and the stalling storage

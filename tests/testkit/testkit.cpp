@@ -443,8 +443,9 @@ SimCounts ModemSim::lastCounts(const std::string& port) {
     counts.valid =
         at != std::string::npos &&
         sscanf(out.c_str() + at + head.size(),
-               "offered %llu written %llu dropped %llu queued %llu drops %llu", &counts.offered,
-               &counts.written, &counts.dropped, &counts.queued, &counts.drops) == 5;
+               "offered %llu written %llu dropped %llu queued %llu drops %llu late-ms %llu",
+               &counts.offered, &counts.written, &counts.dropped, &counts.queued, &counts.drops,
+               &counts.lateMs) == 6;
     return counts;
 }
 

@@ -149,6 +149,7 @@ struct SimCounts {
     unsigned long long dropped = 0;
     unsigned long long queued = 0;
     unsigned long long drops = 0;
+    unsigned long long lateMs = 0;  // stream time skipped because the simulator fell behind
 };
 
 // vrec-modemsim running in `dir`, with its record "record.txt" and control FIFO "ctl" there.

@@ -166,7 +166,8 @@ TEST(Modemsim, DriverBufferLosesNothingForAHostThatKeepsReading) {
     EXPECT_EQ(end.dropped, 0u);
     EXPECT_EQ(end.offered, end.written);
     EXPECT_EQ(wire.size(), end.written);
-    EXPECT_GT(end.written, 12'000 * kKiB) << "8 MB/s for 2 s";
+    // 8 MB/s for 2 s, less what a loaded machine kept the simulator from sending.
+    EXPECT_GT(end.written + end.lateMs * 8000, 15'000'000u) << end.lateMs << " ms late";
     const vtools::CaptureCheck check = checked(wire);
     EXPECT_TRUE(check.clean(true)) << check.problems(true).front();
 

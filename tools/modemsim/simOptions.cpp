@@ -152,8 +152,9 @@ const char* simUsage() {
            "  --tty-base N           ttyUSB number of interface 0 (default 0)\n"
            "  --help, --version      this text; the version\n"
            "The byte counts are printed on exit, on SIGUSR1 and on \"stats\", and recorded:\n"
-           "  stats: PORT offered N written N dropped N queued N drops N\n"
-           "(offered = written + dropped + queued; drops: packets and answers dropped whole)\n"
+           "  stats: PORT offered N written N dropped N queued N drops N late-ms N\n"
+           "(offered = written + dropped + queued; drops: packets and answers dropped whole;\n"
+           "late-ms: stream time skipped because the simulator itself fell behind)\n"
            "SIGINT or SIGTERM end the run.\n";
 }
 

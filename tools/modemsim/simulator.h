@@ -111,6 +111,7 @@ private:
     bool streaming = false;
     Clock::time_point streamStarted;
     uint64_t streamSlots = 0;  // units (packets, or bytes with --byte-rate) used since start
+    uint64_t lateSlots = 0;    // units skipped because the simulator itself fell behind
     uint64_t generated = 0;    // packets sent in all, across streams
     uint32_t nextSeq = 0;
     std::vector<std::string> replayFrames;
