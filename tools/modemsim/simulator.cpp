@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,6 +27,10 @@ constexpr size_t kQueueLimit = 16 * 1024;
 // With --drop-when-full, the stream goes to the terminal after this many bytes at the most.
 constexpr size_t kTransferSize = 16 * 1024;
 constexpr size_t kMeanFrameSize = 100;  // of the sequence stream, on the wire
+// A driver's buffer fills in the kernel, ahead of any process; the simulator that plays it
+// runs ahead of the host's processes where it may, so that a busy machine does not make it
+// lose what a real driver would not.
+constexpr int kDriverNice = -10;
 constexpr auto kSplitPause = std::chrono::milliseconds(20);
 
 // Names of the AT commands the tunnel knows, in id order; anything else travels as id 0.
@@ -216,6 +221,9 @@ bool Simulator::start(std::string* error) {
         return false;
     }
 
+    if (opts.dropWhenFull && setpriority(PRIO_PROCESS, 0, kDriverNice) != 0) {
+        event("driver priority not raised: " + std::string(strerror(errno)));
+    }
     for (const Fault& fault : opts.faults) {
         timedFaults.push_back({started + std::chrono::milliseconds(fault.afterMs), fault});
     }
