@@ -507,6 +507,7 @@ private:
 // MB/s for `seconds`.
 struct SweepRun {
     uint64_t lost = UINT64_MAX;  // at the source or in the capture; UINT64_MAX: the run failed
+    uint64_t atSource = 0;       // of that, dropped by the driver's full buffer
     double mbps = 0;             // what the simulator offered, in its stream's own time
 };
 
@@ -535,6 +536,7 @@ SweepRun lostAt(const std::string& dir, const std::string& storage, long mbPerSe
             const uint64_t captured = fileSize(file);
             finish(capture, byVrec ? SIGQUIT : SIGTERM);
             if (counts.valid) {
+                run.atSource = counts.dropped;
                 run.lost =
                     counts.dropped + (counts.written > captured ? counts.written - captured : 0);
             }
@@ -561,7 +563,8 @@ void stallSweep(const Settings& settings, const std::string& dir) {
     printf(
         "\nstalling storage (writes stall %ld ms every %ld ms), module never waits\n"
         "(vrec-modemsim --drop-when-full, 640 KiB host buffer), %d s per rate;\n"
-        "in brackets the rate the simulator reached:\n"
+        "lost: at the port (the driver's buffer was full) + in the capture (read, not\n"
+        "stored); in brackets the rate the simulator reached:\n"
         "%-10s %-30s %-30s\n",
         settings.stallMs, settings.everyMs, settings.seconds, "MB/s", "plain copy", "vrec");
     long best[2] = {0, 0};
@@ -580,12 +583,17 @@ void stallSweep(const Settings& settings, const std::string& dir) {
                 best[who] = rate;
                 reached[who] = run.mbps;
             }
-            char mbps[32];
-            snprintf(mbps, sizeof(mbps), " (%.1f)", run.mbps);
-            cells[who] = run.lost == 0 ? "nothing lost" + std::string(mbps)
-                         : run.lost == UINT64_MAX
-                             ? "run failed"
-                             : "lost " + std::to_string(run.lost) + " bytes" + mbps;
+            char text[96];
+            if (run.lost == UINT64_MAX) {
+                snprintf(text, sizeof(text), "run failed");
+            } else if (run.lost == 0) {
+                snprintf(text, sizeof(text), "nothing lost (%.1f)", run.mbps);
+            } else {
+                snprintf(text, sizeof(text), "lost %.2f+%.2f MB (%.1f)",
+                         static_cast<double>(run.atSource) / 1e6,
+                         static_cast<double>(run.lost - run.atSource) / 1e6, run.mbps);
+            }
+            cells[who] = text;
         }
         printf("%-10ld %-30s %-30s\n", rate, cells[0].c_str(), cells[1].c_str());
         fflush(stdout);
