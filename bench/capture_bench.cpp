@@ -353,8 +353,14 @@ Figures measure(pid_t pid, const std::string& file, const std::string& stream, i
         usleep(200);
     }
     const auto first = Clock::now();
+    auto grown = first;
     uint64_t size = 0;
-    while ((size = fileSize(file)) < stream.size() && secondsSince(first) < 300) {
+    for (uint64_t last = 0; (size = fileSize(file)) < stream.size(); last = size) {
+        if (size != last) {
+            grown = Clock::now();
+        } else if (secondsSince(grown) > 10) {
+            break;  // the capture is stuck
+        }
         usleep(500);
     }
     figures.mbps = static_cast<double>(size) / 1e6 / secondsSince(first);
@@ -396,7 +402,16 @@ void capturePair(const std::string& dir, const std::string& stream, uint64_t pac
         }
         sim.reset();
         source.reset();
-        removeTree(where);
+        if ((byCopy ? copy : vrec)->whole) {
+            removeTree(where);
+        } else {
+            // Kept for a look, under a name of its own.
+            static int kept = 0;
+            const std::string keep =
+                "/tmp/vrec-bench-kept-" + std::to_string(getpid()) + "-" + std::to_string(++kept);
+            rename(where.c_str(), keep.c_str());
+            fprintf(stderr, "a capture that is not whole is kept in %s\n", keep.c_str());
+        }
     }
 }
 
