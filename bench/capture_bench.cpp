@@ -215,7 +215,7 @@ pid_t startVrec(const std::string& dir, const std::string& port, const std::stri
         }
         writeAll(dir + file.first, text + "}");
     }
-    // vrec forks and its launcher ends at once; the run is the child, which comes to us.
+    // vrec forks and its launcher ends once the run is up; the run, its child, comes to us.
     finish(spawn({kVrec, "-d", port}, dir, out), 0);
     const std::string self = std::to_string(getpid());
     for (int tries = 0; tries < 1000; ++tries) {
