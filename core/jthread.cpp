@@ -2,6 +2,8 @@
 
 #include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -153,4 +155,10 @@ bool JThread::WaitOrKill(int limitSeconds) {
         return false;
     }
     return true;
+}
+
+bool RaiseCallingThreadPriority(int niceValue) {
+    // On Linux a thread id names the one thread to setpriority().
+    const long tid = syscall(SYS_gettid);
+    return tid > 0 && setpriority(PRIO_PROCESS, static_cast<id_t>(tid), niceValue) == 0;
 }

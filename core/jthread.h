@@ -70,6 +70,10 @@ private:
     bool mutexInit = false;
 };
 
+// Gives the calling thread the nice value `niceValue` (lower runs first), where the system
+// permits it; false where it does not.
+bool RaiseCallingThreadPriority(int niceValue);
+
 template <class Owner, class Result>
 class JThreadT;
 

@@ -19,6 +19,8 @@ namespace {
 enum class ReadResult { More, Drained, Failed };
 
 constexpr std::chrono::milliseconds kWriterIdleWait{200};
+// The reader's nice value where it may have one: ahead of ordinary processes.
+constexpr int kReaderNice = -10;
 // A read shorter than this is followed by a nap before the next one.
 constexpr int kSmallReadBytes = 2048;
 constexpr useconds_t kGatherNapUs = 1000;
@@ -35,6 +37,11 @@ unsigned long long ull(uint64_t value) {
 
 void DiagService::readPort() {
     DIAG_TRACE();
+    // A reader that waits for the processor loses bytes at the driver like one that waits
+    // for storage: it runs before the rest of the system where that is permitted.
+    if (!RaiseCallingThreadPriority(kReaderNice)) {
+        DIAG_LOG(LOG_INFO, "the reader keeps its normal priority: %s", strerror(errno));
+    }
     wakeup.Drain();
     unpublished = 0;
     bool afterWait = false;
