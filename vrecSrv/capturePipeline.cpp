@@ -21,7 +21,7 @@ enum class ReadResult { More, Drained, Failed };
 constexpr std::chrono::milliseconds kWriterIdleWait{200};
 // The reader's nice value where it may have one: ahead of ordinary processes.
 constexpr int kReaderNice = -10;
-// A read shorter than this is followed by a nap before the next one.
+// While reads bring fewer bytes than this on average, each is followed by a nap.
 constexpr int kSmallReadBytes = 2048;
 constexpr useconds_t kGatherNapUs = 1000;
 // A stop gives up on a failing medium after this many further tries.
@@ -45,6 +45,7 @@ void DiagService::readPort() {
     wakeup.Drain();
     unpublished = 0;
     bool afterWait = false;
+    int readSizes = kSmallReadBytes;  // a running mean of the bytes each read brings
     while (running && !writerDone) {
         size_t room = 0;
         char* place = ring->writeSpace(kReadBytes, room);
@@ -82,9 +83,13 @@ void DiagService::readPort() {
         if (result == ReadResult::More) {
             continue;
         }
-        if (result == ReadResult::Drained && count > 0 && count < kSmallReadBytes) {
+        if (count > 0) {
+            readSizes += (count - readSizes) / 8;
+        }
+        if (result == ReadResult::Drained && count > 0 && readSizes < kSmallReadBytes) {
             // The module sends in small packets: a short nap lets them gather, so that one
-            // read takes many. The driver's buffer holds far more than a nap's worth.
+            // read takes many. The driver's buffer holds far more than a nap's worth. A
+            // stream that comes in large pieces is read without naps.
             usleep(kGatherNapUs);
             continue;
         }

@@ -8,87 +8,93 @@
 
 namespace {
 
-// The writer is woken when this much has queued since it last took bytes, or when the
-// reader finds the port quiet: one wake-up per many reads, not one per read.
-constexpr size_t kPublishBytes = 32 * 1024;
-// Blocks kept mapped after they were emptied, so that a steady stream does not map and
-// unmap a block for every block's worth of bytes.
-constexpr size_t kSpareBlocks = 2;
+// The writer is woken when this much has queued since it was last woken, or when the reader
+// finds the port quiet: one wake-up per many reads, not one per read.
+constexpr uint64_t kPublishBytes = 32 * 1024;
 
 }  // namespace
 
 CaptureRing::CaptureRing(size_t capacityBytes)
-    : maxBlocks(std::max<size_t>(2, (capacityBytes + kBlockBytes - 1) / kBlockBytes)) {}
+    : capacity(std::max<size_t>(2, (capacityBytes + kBlockBytes - 1) / kBlockBytes) * kBlockBytes),
+      slots(capacity / kBlockBytes, nullptr) {}
 
 CaptureRing::~CaptureRing() {
-    for (const Block& block : blocks) {
-        releaseBlock(block.data);
+    for (char* data : slots) {
+        if (data != nullptr) {
+            munmap(data, kBlockBytes);
+        }
     }
-    for (char* data : spares) {
-        releaseBlock(data);
+    for (uint64_t i = sparesOut; i < sparesIn; ++i) {
+        munmap(spares[i % kSpareBlocks], kBlockBytes);
     }
 }
 
-void CaptureRing::releaseBlock(char* data) {
-    munmap(data, kBlockBytes);
-}
-
-CaptureRing::Block* CaptureRing::newBlockLocked() {
-    if (blocks.size() >= maxBlocks) {
+char* CaptureRing::takeBlock() {
+    const uint64_t out = sparesOut.load(std::memory_order_relaxed);
+    if (out != sparesIn.load(std::memory_order_acquire)) {
+        char* data = spares[out % kSpareBlocks];
+        sparesOut.store(out + 1, std::memory_order_release);
+        return data;
+    }
+    // Mapped rather than taken from the heap, so that an emptied queue gives its memory back
+    // to the system and the resident size follows what is queued.
+    void* data =
+        mmap(nullptr, kBlockBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (data == MAP_FAILED) {
         return nullptr;
     }
-    char* data = nullptr;
-    if (!spares.empty()) {
-        data = spares.back();
-        spares.pop_back();
-    } else {
-        // Mapped rather than taken from the heap, so that an emptied queue gives its memory
-        // back to the system and the resident size follows what is queued.
-        void* mapped =
-            mmap(nullptr, kBlockBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (mapped == MAP_FAILED) {
-            return nullptr;
-        }
-        data = static_cast<char*>(mapped);
+    ++mapped;
+    return static_cast<char*>(data);
+}
+
+void CaptureRing::giveBackBlock(char* data) {
+    const uint64_t in = sparesIn.load(std::memory_order_relaxed);
+    if (in - sparesOut.load(std::memory_order_acquire) < kSpareBlocks) {
+        spares[in % kSpareBlocks] = data;
+        sparesIn.store(in + 1, std::memory_order_release);
+        return;
     }
-    blocks.push_back(Block{data, 0, 0});
-    return &blocks.back();
+    munmap(data, kBlockBytes);
+    --mapped;
 }
 
 char* CaptureRing::writeSpace(size_t wanted, size_t& room) {
-    // The bytes of the returned place are the reader's alone until commit(): the writer
-    // only ever looks below a block's published fill.
-    std::lock_guard<std::mutex> guard(lock);
-    Block* tail = blocks.empty() ? nullptr : &blocks.back();
-    if (tail == nullptr || tail->filled == kBlockBytes) {
-        tail = newBlockLocked();
+    room = 0;
+    char*& block = slot(tail);
+    if (tail / kBlockBytes != heldBlock) {
+        // A new block: its slot is free once the writer has stored what it last held.
+        if (tail - tail % kBlockBytes + kBlockBytes - consumed.load(std::memory_order_acquire) >
+            capacity) {
+            return nullptr;
+        }
+        block = takeBlock();
+        if (block == nullptr) {
+            return nullptr;
+        }
+        heldBlock = tail / kBlockBytes;
     }
-    if (tail == nullptr) {
-        room = 0;
-        return nullptr;
-    }
-    room = std::min(wanted, kBlockBytes - tail->filled);
-    return tail->data + tail->filled;
+    const size_t offset = tail % kBlockBytes;
+    room = std::min(wanted, kBlockBytes - offset);
+    return block + offset;
 }
 
 void CaptureRing::commit(size_t count) {
     if (count == 0) {
         return;
     }
-    std::lock_guard<std::mutex> guard(lock);
-    blocks.back().filled += count;
-    queued += count;
-    unpublished += count;
+    tail += count;
+    committed.store(tail, std::memory_order_release);
     if (dropping) {
         // The queue took bytes again: the episode of loss is over.
         dropping = false;
-        endedEpisodes.push_back(openEpisode);
-    }
-    if (unpublished >= kPublishBytes) {
-        unpublished = 0;
-        if (writerWaiting) {
-            readable.notify_one();
+        std::lock_guard<std::mutex> guard(lossLock);
+        if (episodeOpen) {
+            episodeOpen = false;
+            endedEpisodes.push_back(openEpisode);
         }
+    }
+    if (tail - notifiedAt >= kPublishBytes) {
+        notifyWriter();
     }
 }
 
@@ -97,98 +103,86 @@ void CaptureRing::drop(size_t count) {
         return;
     }
     const uint64_t now = GetTickMs();
-    std::lock_guard<std::mutex> guard(lock);
-    if (!dropping) {
-        dropping = true;
-        openEpisode = LossEpisode{now, now, 0};
-        ++episodes;
+    {
+        std::lock_guard<std::mutex> guard(lossLock);
+        if (!episodeOpen) {
+            episodeOpen = true;
+            openEpisode = LossEpisode{now, now, 0};
+            ++episodes;
+        }
+        openEpisode.bytes += count;
+        openEpisode.endMs = now;
+        lost += count;
     }
-    openEpisode.bytes += count;
-    openEpisode.endMs = now;
-    lost += count;
+    dropping = true;
     // A full queue is exactly when the writer must not sleep on.
-    unpublished = 0;
-    if (writerWaiting) {
+    notifyWriter();
+}
+
+void CaptureRing::publish() {
+    if (tail != notifiedAt) {
+        notifyWriter();
+    }
+}
+
+void CaptureRing::notifyWriter() {
+    notifiedAt = tail;
+    notices.fetch_add(1);
+    // The writer marks itself asleep before it looks at the notices for the last time, so
+    // either it sees this notice or this sees it asleep.
+    if (writerSleeping.load()) {
+        std::lock_guard<std::mutex> guard(sleepLock);
         readable.notify_one();
     }
 }
 
-void CaptureRing::publish() {
-    std::lock_guard<std::mutex> guard(lock);
-    if (unpublished == 0) {
-        return;
-    }
-    unpublished = 0;
-    if (writerWaiting) {
-        readable.notify_one();
-    }
+void CaptureRing::wakeWriter() {
+    wakeRequested = true;
+    std::lock_guard<std::mutex> guard(sleepLock);
+    readable.notify_one();
 }
 
 size_t CaptureRing::peek(std::vector<iovec>& parts, size_t limit,
                          std::chrono::milliseconds timeout) {
     parts.clear();
-    std::unique_lock<std::mutex> guard(lock);
-    const auto ready = [this] { return queued > unpublished || wakeRequested; };
-    if (!ready() && timeout.count() > 0) {
-        writerWaiting = true;
-        readable.wait_for(guard, timeout, ready);
-        writerWaiting = false;
+    const auto woken = [this] { return notices.load() != seenNotices || wakeRequested.load(); };
+    if (committed.load(std::memory_order_acquire) - head < kPublishBytes && !woken() &&
+        timeout.count() > 0) {
+        std::unique_lock<std::mutex> guard(sleepLock);
+        writerSleeping = true;
+        readable.wait_for(guard, timeout, woken);
+        writerSleeping = false;
     }
     wakeRequested = false;
-    unpublished = 0;
-    size_t described = 0;
-    for (Block& block : blocks) {
-        if (described == limit) {
-            break;
-        }
-        const size_t available = std::min(block.filled - block.consumed, limit - described);
-        if (available == 0) {
-            continue;
-        }
-        parts.push_back(iovec{block.data + block.consumed, available});
-        described += available;
+    seenNotices = notices.load();
+    const uint64_t end =
+        std::min<uint64_t>(committed.load(std::memory_order_acquire), head + limit);
+    for (uint64_t at = head; at < end;) {
+        const size_t offset = at % kBlockBytes;
+        const size_t length = std::min<uint64_t>(end - at, kBlockBytes - offset);
+        parts.push_back(iovec{slot(at) + offset, length});
+        at += length;
     }
-    return described;
+    return static_cast<size_t>(end - head);
 }
 
 void CaptureRing::consume(size_t count) {
-    std::vector<char*> unmapped;
-    {
-        std::lock_guard<std::mutex> guard(lock);
-        queued -= std::min(count, queued);
-        while (count > 0 && !blocks.empty()) {
-            Block& front = blocks.front();
-            const size_t taken = std::min(count, front.filled - front.consumed);
-            front.consumed += taken;
-            count -= taken;
-            // The last block is the reader's: it may be writing into it right now.
-            if (front.consumed == kBlockBytes && blocks.size() > 1) {
-                if (spares.size() < kSpareBlocks) {
-                    spares.push_back(front.data);
-                } else {
-                    unmapped.push_back(front.data);
-                }
-                blocks.pop_front();
-            } else if (taken == 0) {
-                break;
-            }
-        }
+    const uint64_t end =
+        std::min<uint64_t>(head + count, committed.load(std::memory_order_acquire));
+    // Blocks the writer has gone past in full go back; the one it stops in stays.
+    for (uint64_t block = head / kBlockBytes; block < end / kBlockBytes; ++block) {
+        char*& data = slot(block * kBlockBytes);
+        giveBackBlock(data);
+        data = nullptr;
     }
-    for (char* data : unmapped) {
-        releaseBlock(data);
-    }
-}
-
-void CaptureRing::wakeWriter() {
-    std::lock_guard<std::mutex> guard(lock);
-    wakeRequested = true;
-    readable.notify_one();
+    head = end;
+    consumed.store(head, std::memory_order_release);
 }
 
 std::vector<LossEpisode> CaptureRing::takeLosses(bool closeOpen) {
-    std::lock_guard<std::mutex> guard(lock);
-    if (closeOpen && dropping) {
-        dropping = false;
+    std::lock_guard<std::mutex> guard(lossLock);
+    if (closeOpen && episodeOpen) {
+        episodeOpen = false;
         endedEpisodes.push_back(openEpisode);
     }
     std::vector<LossEpisode> taken;
@@ -197,21 +191,19 @@ std::vector<LossEpisode> CaptureRing::takeLosses(bool closeOpen) {
 }
 
 size_t CaptureRing::queuedBytes() const {
-    std::lock_guard<std::mutex> guard(lock);
-    return queued;
+    return static_cast<size_t>(committed.load() - consumed.load());
 }
 
 uint64_t CaptureRing::lostBytes() const {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::mutex> guard(lossLock);
     return lost;
 }
 
 uint64_t CaptureRing::droppedEpisodes() const {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::mutex> guard(lossLock);
     return episodes;
 }
 
 size_t CaptureRing::mappedBlocks() const {
-    std::lock_guard<std::mutex> guard(lock);
-    return blocks.size() + spares.size();
+    return mapped.load();
 }

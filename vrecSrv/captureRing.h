@@ -3,11 +3,11 @@
 
 #include <sys/uio.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <mutex>
 #include <vector>
 
@@ -19,10 +19,12 @@ struct LossEpisode {
 };
 
 // The bytes read from the Diag port on their way to storage: one thread fills it (the
-// reader), one empties it (the writer). Memory is mapped in blocks as bytes queue up and
-// given back once they are stored, so a capture whose storage keeps up stays small however
-// long it runs. When the queue is full the reader goes on reading and the bytes it cannot
-// queue are counted, in episodes, so that the loss can be told.
+// reader), one empties it (the writer), and neither ever waits for the other: the two meet
+// only through counters, so the reader is never held by a lock the writer has. Memory is
+// mapped in blocks as bytes queue up and given back once they are stored, so a capture
+// whose storage keeps up stays small however long it runs. When the queue is full the
+// reader goes on reading and the bytes it cannot queue are counted, in episodes, so that
+// the loss can be told.
 class CaptureRing {
 public:
     static constexpr size_t kBlockBytes = 64 * 1024;
@@ -47,10 +49,10 @@ public:
     size_t peek(std::vector<iovec>& parts, size_t limit, std::chrono::milliseconds timeout);
     // The first `count` bytes of the last peek() are stored.
     void consume(size_t count);
-    // Ends a writer's wait at once, as for a stop.
+    // Ends a writer's wait at once, as for a stop. Any thread.
     void wakeWriter();
     // The episodes of loss that have ended and were not taken yet; with `closeOpen`, one
-    // still going on ends now.
+    // still going on ends now. Any thread.
     std::vector<LossEpisode> takeLosses(bool closeOpen);
 
     size_t queuedBytes() const;
@@ -60,29 +62,50 @@ public:
     size_t mappedBlocks() const;
 
 private:
-    struct Block {
-        char* data = nullptr;
-        size_t filled = 0;    // written by the reader, published under the lock
-        size_t consumed = 0;  // advanced by the writer under the lock
-    };
+    // Emptied blocks on their way back from the writer to the reader.
+    static constexpr size_t kSpareBlocks = 2;
 
-    Block* newBlockLocked();
-    void releaseBlock(char* data);
+    char* takeBlock();
+    void giveBackBlock(char* data);
+    void notifyWriter();
+    char*& slot(uint64_t offset) { return slots[(offset / kBlockBytes) % slots.size()]; }
 
-    const size_t maxBlocks;
-    mutable std::mutex lock;
-    std::condition_variable readable;
-    std::deque<Block> blocks;  // oldest first; the reader fills the last
-    std::vector<char*> spares;
-    size_t queued = 0;
-    size_t unpublished = 0;  // committed bytes the writer has not been woken for
-    bool writerWaiting = false;
-    bool wakeRequested = false;
-    uint64_t lost = 0;
+    const size_t capacity;
+    // The memory of each block of the ring; a slot is set by the reader before it commits
+    // bytes there and cleared by the writer after it consumed them all.
+    std::vector<char*> slots;
+    std::atomic<uint64_t> committed{0};  // bytes queued since the start; reader writes
+    std::atomic<uint64_t> consumed{0};   // bytes stored since the start; writer writes
+    std::atomic<size_t> mapped{0};
+    // Spares: a single-producer (writer), single-consumer (reader) queue of block memory.
+    char* spares[kSpareBlocks] = {};
+    std::atomic<uint64_t> sparesIn{0};
+    std::atomic<uint64_t> sparesOut{0};
+
+    // Reader's own.
+    uint64_t tail = 0;
+    uint64_t heldBlock = UINT64_MAX;  // the block whose memory the reader has taken
+    uint64_t notifiedAt = 0;
     bool dropping = false;
+
+    // Writer's own.
+    uint64_t head = 0;
+    uint64_t seenNotices = 0;
+
+    // The writer's sleep: it is woken only when it has something to do.
+    std::atomic<uint64_t> notices{0};
+    std::atomic<bool> writerSleeping{false};
+    std::atomic<bool> wakeRequested{false};
+    std::mutex sleepLock;
+    std::condition_variable readable;
+
+    // Losses: touched by the reader only while it drops, so the lock is off its usual path.
+    mutable std::mutex lossLock;
+    uint64_t lost = 0;
+    uint64_t episodes = 0;
+    bool episodeOpen = false;
     LossEpisode openEpisode;
     std::vector<LossEpisode> endedEpisodes;
-    uint64_t episodes = 0;
 };
 
 #endif
