@@ -13,3 +13,13 @@ std::string toLowerCase(std::string text) {
 bool startsWith(const std::string& text, const char* prefix) {
     return text.compare(0, strlen(prefix), prefix) == 0;
 }
+
+bool isPlainField(const std::string& text) {
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F || c == '"' || c == ',' || c == ' ') {
+            return false;
+        }
+    }
+    return true;
+}

@@ -6,5 +6,8 @@
 // A copy with every ASCII letter in lower case.
 std::string toLowerCase(std::string text);
 bool startsWith(const std::string& text, const char* prefix);
+// Whether `text` can stand in a quoted field of an AT command and in a file name: no quote,
+// comma, blank or control character.
+bool isPlainField(const std::string& text);
 
 #endif

@@ -19,6 +19,7 @@
 #include "console.h"
 #include "diagImpl.h"
 #include "diagLog.h"
+#include "optionValues.h"
 #include "portMgnt.h"
 #include "textUtil.h"
 
@@ -93,6 +94,20 @@ bool staysAlive(const CaptureOptions& options) {
     return options.state > 2;
 }
 
+// The ERROR line for a value out of its option's rules; the run ends before anything acts.
+[[noreturn]] void refuseValue(int option, const char* value, const std::string& rule) {
+    const char* longName = "";
+    for (const struct option& entry : kLongOptions) {
+        if (entry.name != nullptr && entry.val == option) {
+            longName = entry.name;
+        }
+    }
+    consolePrint(
+        "ERROR: invalid value \"%s\" for -%c (--%s): give %s.\nUse vrec -h to see the options.\n",
+        printableText(value).c_str(), option, longName, rule.c_str());
+    exit(1);
+}
+
 }  // namespace
 
 CommandLineSrv* CommandLineSrv::getInstance() {
@@ -146,6 +161,7 @@ void* CommandLineSrv::stopSignalLoop(void* param) {
 int CommandLineSrv::run(int argc, char** argv) {
     consolePrint("vrec, Ver: %s\nCompiled at: %s\n%s\n\n", kVersion, kBuildTime, kMaker);
 
+    checkOptionValues(argc, argv);
     optind = 0;  // full re-initialisation of the parser
     int option = 0;
     while ((option = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
@@ -215,6 +231,22 @@ void CommandLineSrv::announceStarted() {
     (void)ignored;
     close(startNotice);
     startNotice = -1;
+}
+
+void CommandLineSrv::checkOptionValues(int argc, char** argv) {
+    // A quiet first pass: the parser speaks about unknown options in the pass that acts.
+    optind = 0;
+    opterr = 0;
+    int option = 0;
+    while ((option = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
+        if (optarg != nullptr) {
+            const std::string rule = valueRule(option, optarg);
+            if (!rule.empty()) {
+                refuseValue(option, optarg, rule);
+            }
+        }
+    }
+    opterr = 1;
 }
 
 void CommandLineSrv::applyOption(int option, const char* argument) {

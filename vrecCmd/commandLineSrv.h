@@ -46,6 +46,9 @@ private:
 
     CommandLineSrv();
 
+    // Ends the run with an ERROR line at the first option value out of its rules, before
+    // any option acts.
+    void checkOptionValues(int argc, char** argv);
     void applyOption(int option, const char* argument);
     void applyFileOption(const char* name);
     void checkOptions();

@@ -228,11 +228,8 @@ bool AtMdonImpl::startLog(const CaptureOptions& options) {
         DIAG_LOG(LOG_ERRO, "Execute AT %s failed.", cmd.c_str());
         return false;
     }
-    if (state == 3 || state == 4) {
-        // The run stays up as a capture, and its stop sends AT^MDON=0 on this port. Closing
-        // it would forget a port named with -p, which discovery may never find again.
-        return true;
-    }
+    // Also after AT^MDON=3 and 4: the stop opens the port again, by the name given with -p
+    // or by discovery.
     ports->closePcuiPort();
     return true;
 }
@@ -435,11 +432,20 @@ bool AtMdonImpl::exportSingleFile(const std::string& path, const std::string& na
         return false;
     }
     DIAG_LOG(LOG_INFO, "export file: %s, unit %s", (name + unit).c_str(), unit.c_str());
+    // Both go into the command between quotes and into a file name: a quote or a line end
+    // would end the command early, a slash would lead out of the save path.
+    const std::string fileName = toLowerCase(name) + unit;
+    if (!isPlainField(name) || !isPlainField(unit) || fileName.find('/') != std::string::npos ||
+        fileName == "." || fileName == "..") {
+        DIAG_LOG(LOG_ERRO, "refused to export %s: the name or unit cannot go into a command.",
+                 fileName.c_str());
+        return false;
+    }
     const std::string dir = exportDirectory(path);
     if (dir.empty()) {
         return false;
     }
-    const std::string filePath = dir + "/" + toLowerCase(name) + unit;
+    const std::string filePath = dir + "/" + fileName;
     DIAG_LOG(LOG_INFO, "create file %s.", filePath.c_str());
     CFile file(filePath);
     if (!file.Open("wb")) {
@@ -572,13 +578,17 @@ void AtMdonImpl::threadSendConfigFile() {
                          static_cast<int>(pieces[i].size())) +
             "\"\r");
     }
-    m_resultExportFiles = 1;
+    AtService* at = AtService::getInstance();
     for (const std::string& cmd : commands) {
-        if (!exchange(cmd, text)) {
+        // Only AT^CMDLEN? has its exchange in the log; the pieces would flood it.
+        if (!at->sendATcmdAndWaitResponse(pcuiHandle(), cmd, text, true, true)) {
             DIAG_LOG(LOG_ERRO, "Execute %s failed.", cmd.c_str());
             m_resultExportFiles = 0;
             break;
         }
+    }
+    if (m_resultExportFiles == -1) {
+        m_resultExportFiles = 1;  // all went out
     }
     DIAG_LOG(LOG_INFO, "m_resultSendConfig is %d", m_resultExportFiles.load());
 }

@@ -199,7 +199,11 @@ bool PortMgnt::openPort(const std::string& name) {
     return true;
 }
 
-bool PortMgnt::openPcuiPort() { return openPort(getPcuiPortName()); }
+bool PortMgnt::openPcuiPort() {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    return givenPcuiName.empty() ? openPort(getPcuiPortName())
+                                 : openPcuiPortByName(givenPcuiName.c_str());
+}
 
 bool PortMgnt::openDiagPortByName(const char* name) {
     if (name == nullptr) {
@@ -230,6 +234,7 @@ bool PortMgnt::openPcuiPortByName(const char* name) {
     }
     pcuiAsDiag = false;
     pcuiPortName = name;
+    givenPcuiName = name;
     return true;
 }
 
@@ -252,7 +257,9 @@ int PortMgnt::regainDiagPort() {
 }
 
 int PortMgnt::regainPcuiPort() {
-    return regain(pcuiPort, pcuiPortName, &PortMgnt::getPcuiPortName, "Pcui");
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    return regain(pcuiPort, pcuiPortName.empty() ? givenPcuiName : pcuiPortName,
+                  &PortMgnt::getPcuiPortName, "Pcui");
 }
 
 int PortMgnt::getDiagHandle() {

@@ -33,6 +33,7 @@ public:
     bool openPort(const std::string& name);
     bool openPcuiPort();
     // Port overrides given on the command line; a failed open leaves discovery to later.
+    // A PCUI port once opened by its name is opened by that name whenever it is needed again.
     bool openDiagPortByName(const char* name);
     bool openPcuiPortByName(const char* name);
 
@@ -82,6 +83,9 @@ private:
     mutable std::recursive_mutex handleLock;
     std::string diagPortName;
     std::string pcuiPortName;
+    // The PCUI port named with -p: a closed PCUI port is opened again by this name, which
+    // discovery may never find.
+    std::string givenPcuiName;
     int diagPort = -1;
     int pcuiPort = -1;
     bool pcuiAsDiag = false;

@@ -28,12 +28,10 @@ void CaptureCheck::finish() {
 }
 
 void CaptureCheck::take(const DeframeStep& step) {
-    const bool first = !seenStep;
-    seenStep = true;
     switch (step.kind) {
         case DeframeStep::kFrame:
             if (!step.fcsOk) {
-                if (first) {
+                if (atStreamHead()) {
                     headBytes += step.used;
                 } else {
                     ++badFrames;
@@ -41,15 +39,18 @@ void CaptureCheck::take(const DeframeStep& step) {
                 return;
             }
             ++goodFrames;
-            ++kinds[classify(step.packet)];
+            take(classify(step.packet));
             if (unsigned code = 0; logCode(step.packet, &code)) {
                 ++logCodes[code];
             }
             checker.take(step.packet);
             return;
         case DeframeStep::kJunk:
-            // At the very start, a run too short to be a frame is the tail of a cut one.
-            (first ? headBytes : junkBytes) += step.used;
+            if (step.used == 1) {
+                ++emptyFrames;  // the flag alone
+            } else {
+                (atStreamHead() ? headBytes : junkBytes) += step.used;
+            }
             return;
         case DeframeStep::kIncomplete:
             incompleteBytes += step.used;
@@ -57,6 +58,11 @@ void CaptureCheck::take(const DeframeStep& step) {
         case DeframeStep::kNeedMore:
             return;
     }
+}
+
+void CaptureCheck::take(PacketKind kind) {
+    ++kinds[kind];
+    streaming = streaming || kind != PacketKind::kResponse;
 }
 
 std::vector<std::string> CaptureCheck::problems(bool strict) const {
@@ -69,9 +75,6 @@ std::vector<std::string> CaptureCheck::problems(bool strict) const {
     }
     if (strict && headBytes > 0) {
         found.push_back("a cut frame at the start");
-    }
-    if (strict && incompleteBytes > 0) {
-        found.push_back("a cut frame at the end");
     }
     const SeqStats& seq = sequence();
     if (seq.missing > 0) {
@@ -87,8 +90,8 @@ std::vector<std::string> CaptureCheck::problems(bool strict) const {
     return found;
 }
 
-bool CaptureCheck::clean(bool strict) const {
-    return problems(strict).empty();
+bool CaptureCheck::clean(bool strict, bool allowCutEnd) const {
+    return problems(strict).empty() && (allowCutEnd || !cutAtEnd());
 }
 
 namespace {

@@ -23,25 +23,34 @@ public:
     uint64_t bytes = 0;
     uint64_t goodFrames = 0;
     uint64_t badFrames = 0;        // frames whose check sequence is wrong
+    uint64_t emptyFrames = 0;      // a flag right behind a flag, which HDLC allows
     uint64_t junkBytes = 0;        // bytes outside frames
-    uint64_t headBytes = 0;        // a cut frame at the very start (its check fails)
+    uint64_t headBytes = 0;        // a cut frame where the stream begins (its check fails)
     uint64_t incompleteBytes = 0;  // a frame the stream ended in
     std::map<PacketKind, uint64_t> kinds;
     std::map<unsigned, uint64_t> logCodes;
 
     const SeqStats& sequence() const { return checker.stats(); }
     // Corruption or loss: bad frames, bytes outside frames, a damaged or broken sequence.
-    // `strict` also counts a cut frame at either end, which a capture that began or ended
-    // in the middle of the stream has of necessity.
-    bool clean(bool strict) const;
+    // `strict` also counts a cut frame where the stream begins, which a capture that began
+    // in the middle of the module's stream has of necessity.
     std::vector<std::string> problems(bool strict) const;
+    // The stream ended inside a frame: what a capture stopped or killed mid-frame leaves.
+    bool cutAtEnd() const { return incompleteBytes > 0; }
+    // No problem, and no cut at the end unless that is allowed.
+    bool clean(bool strict, bool allowCutEnd = false) const;
 
 private:
     void take(const DeframeStep& step);
+    void take(PacketKind kind);
+    // Whether a damaged frame or junk here is the cut frame the stream began with: the first
+    // damage before the module's own stream (logs, events, messages) began, even behind
+    // answers to the host's requests.
+    bool atStreamHead() const { return !streaming && headBytes == 0; }
 
     Deframer deframer;
     SeqChecker checker;
-    bool seenStep = false;
+    bool streaming = false;
 };
 
 // The order in which a capture's files were written: numbered items by their number,

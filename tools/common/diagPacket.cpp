@@ -21,11 +21,17 @@ void appendLe32(std::string& bytes, unsigned value) {
     appendLe16(bytes, value >> 16);
 }
 
+size_t packetStart(const std::string& packet) {
+    const bool wrapped =
+        packet.size() > kSubscriptionHeader && packet.compare(0, 4, "\x98\x01\x00\x00", 4) == 0;
+    return wrapped ? kSubscriptionHeader : 0;
+}
+
 PacketKind classify(const std::string& packet) {
     if (packet.empty()) {
         return PacketKind::kResponse;
     }
-    switch (static_cast<unsigned char>(packet[0])) {
+    switch (static_cast<unsigned char>(packet[packetStart(packet)])) {
         case kCmdLog:
             return PacketKind::kLog;
         case kCmdEventReport:
@@ -55,10 +61,11 @@ const char* kindName(PacketKind kind) {
 }
 
 bool logCode(const std::string& packet, unsigned* code) {
-    if (packet.size() < 8 || static_cast<unsigned char>(packet[0]) != kCmdLog) {
+    const size_t start = packetStart(packet);
+    if (packet.size() < start + 8 || static_cast<unsigned char>(packet[start]) != kCmdLog) {
         return false;
     }
-    *code = readLe16(packet, 6);
+    *code = readLe16(packet, start + 6);
     return true;
 }
 

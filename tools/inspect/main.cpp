@@ -11,16 +11,29 @@
 namespace {
 
 const char* const kUsage =
-    "Usage: vrec-inspect [--strict] [--each] FILE...\n"
+    "Usage: vrec-inspect [--strict] [--allow-cut-end] [--each] FILE...\n"
     "Reads Diag captures (real_log.bin and its items) and reports bytes, HDLC frames,\n"
     "frames with a bad check sequence, bytes outside frames, DIAG packets by kind and log\n"
-    "code, and the gaps in the sequence numbers of a vrec-modemsim stream.\n"
+    "code (packets in a multi-SIM wrapper by their own), and the gaps in the sequence\n"
+    "numbers of a vrec-modemsim stream.\n"
     "The files are read as one stream, the items of a capture in the order they were\n"
     "written, so a frame cut at an item boundary counts once.\n"
-    "  --each     check every file on its own\n"
-    "  --strict   count a cut frame at the start or the end of the stream as corruption\n"
-    "  --version  the version\n"
-    "Exit status: 0 whole, 1 corruption or a gap, 2 bad usage or an unreadable file.\n";
+    "  --each           check every file on its own\n"
+    "  --strict         count a cut frame where the stream begins as corruption\n"
+    "  --allow-cut-end  accept a stream that ends inside a frame\n"
+    "  --version        the version\n"
+    "Verdicts:\n"
+    "  whole            every frame closed with a good check sequence, nothing lost\n"
+    "  CUT AT THE END   the stream ends inside a frame: what a capture stopped or killed\n"
+    "                   mid-frame leaves, and every item but the last checked on its own\n"
+    "  CORRUPT          bad check sequences, bytes outside frames, lost or damaged packets\n"
+    "Exit status: 0 whole, 1 cut at the end, corruption or a gap, 2 bad usage or an\n"
+    "unreadable file.\n";
+
+struct Rules {
+    bool strict = false;
+    bool allowCutEnd = false;
+};
 
 bool feedFile(const std::string& path, vtools::CaptureCheck& check, uint64_t* size) {
     FILE* file = fopen(path.c_str(), "rb");
@@ -43,12 +56,37 @@ bool feedFile(const std::string& path, vtools::CaptureCheck& check, uint64_t* si
     return ok;
 }
 
-void report(const vtools::CaptureCheck& check, bool strict) {
+void verdict(const vtools::CaptureCheck& check, const Rules& rules) {
+    const std::vector<std::string> problems = check.problems(rules.strict);
+    const unsigned long long cut = check.incompleteBytes;
+    if (check.cutAtEnd() && !rules.allowCutEnd) {
+        printf(
+            "verdict: CUT AT THE END: the last %llu bytes are a frame that never closed, as a "
+            "capture stopped or killed mid-frame leaves it (--allow-cut-end accepts it)\n",
+            cut);
+    }
+    for (const std::string& problem : problems) {
+        printf("verdict: CORRUPT: %s\n", problem.c_str());
+    }
+    if (check.clean(rules.strict, rules.allowCutEnd)) {
+        if (check.cutAtEnd()) {
+            printf("verdict: whole up to a cut at the end of %llu bytes\n", cut);
+        } else {
+            printf("verdict: whole\n");
+        }
+    }
+}
+
+void report(const vtools::CaptureCheck& check, const Rules& rules) {
     printf("bytes: %llu\n", static_cast<unsigned long long>(check.bytes));
     printf("frames: %llu good, %llu bad check sequence\n",
            static_cast<unsigned long long>(check.goodFrames),
            static_cast<unsigned long long>(check.badFrames));
     printf("bytes outside frames: %llu\n", static_cast<unsigned long long>(check.junkBytes));
+    if (check.emptyFrames > 0) {
+        printf("empty frames (back-to-back flags): %llu\n",
+               static_cast<unsigned long long>(check.emptyFrames));
+    }
     if (check.headBytes > 0) {
         printf("cut frame at the start: %llu bytes\n",
                static_cast<unsigned long long>(check.headBytes));
@@ -77,25 +115,20 @@ void report(const vtools::CaptureCheck& check, bool strict) {
             static_cast<unsigned long long>(seq.outOfOrder),
             static_cast<unsigned long long>(seq.corrupt));
     }
-    const std::vector<std::string> problems = check.problems(strict);
-    if (problems.empty()) {
-        printf("verdict: whole\n");
-    }
-    for (const std::string& problem : problems) {
-        printf("verdict: CORRUPT: %s\n", problem.c_str());
-    }
+    verdict(check, rules);
 }
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    bool strict = false;
+    Rules rules;
     bool each = false;
     std::vector<std::string> files;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--strict") {
-            strict = true;
+            rules.strict = true;
+        } else if (arg == "--allow-cut-end") {
+            rules.allowCutEnd = true;
         } else if (arg == "--each") {
             each = true;
         } else if (arg == "-h" || arg == "--help") {
@@ -128,8 +161,8 @@ int main(int argc, char** argv) {
                 continue;
             }
             check.finish();
-            report(check, strict);
-            clean = clean && check.clean(strict);
+            report(check, rules);
+            clean = clean && check.clean(rules.strict, rules.allowCutEnd);
         }
     } else {
         vtools::CaptureCheck check;
@@ -143,8 +176,8 @@ int main(int argc, char** argv) {
         }
         if (readable) {
             check.finish();
-            report(check, strict);
-            clean = check.clean(strict);
+            report(check, rules);
+            clean = check.clean(rules.strict, rules.allowCutEnd);
         }
     }
     if (!readable) {

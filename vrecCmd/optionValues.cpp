@@ -1,0 +1,87 @@
+#include "optionValues.h"
+
+#include <cstdio>
+
+#include "textUtil.h"
+
+namespace {
+
+// Sizes are megabytes: a terabyte is far beyond any module's log, and twice it still fits
+// the 32 bits the sizes are kept in.
+constexpr uint64_t kMaxSizeMb = 1048576;
+constexpr uint64_t kMaxReportStep = 0xFFFFFFFFu;
+constexpr uint64_t kMaxState = 6;
+constexpr uint64_t kMaxUnit = 9999;
+
+bool inRange(const std::string& text, uint64_t low, uint64_t high) {
+    uint64_t value = 0;
+    return parseWholeNumber(text, low, high, &value);
+}
+
+}  // namespace
+
+bool parseWholeNumber(const std::string& text, uint64_t low, uint64_t high, uint64_t* value) {
+    if (text.empty()) {
+        return false;
+    }
+    uint64_t number = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9') {
+            return false;
+        }
+        number = number * 10 + static_cast<uint64_t>(c - '0');
+        if (number > high) {
+            return false;  // also stops before the number could overflow
+        }
+    }
+    if (number < low) {
+        return false;
+    }
+    *value = number;
+    return true;
+}
+
+std::string valueRule(int letter, const std::string& text) {
+    switch (letter) {
+        case 'c':
+        case 't':
+            return inRange(text, 0, kMaxSizeMb) ? "" : "a whole number of MB from 0 to 1048576";
+        case 'r':
+            return inRange(text, 0, kMaxReportStep) ? "" : "a whole number from 0 to 4294967295";
+        case 'o':
+            return inRange(text, 0, 1) ? "" : "0 or 1";
+        case 'm':
+            return inRange(text, 0, kMaxState) ? "" : "a state from 0 to 6";
+        case 'u':
+            return inRange(text, 0, kMaxUnit) ? "" : "a whole number from 0 to 9999";
+        case 'f':
+            return isPlainField(text)
+                       ? ""
+                       : "a file name without quotes, commas, blanks or control characters";
+        default:
+            return "";
+    }
+}
+
+std::string printableText(const std::string& text) {
+    std::string shown;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\r') {
+            shown += "\\r";
+        } else if (c == '\n') {
+            shown += "\\n";
+        } else if (c == '\t') {
+            shown += "\\t";
+        } else if (c == '\\') {
+            shown += "\\\\";
+        } else if (byte < 0x20 || byte >= 0x7F) {
+            char escape[5];
+            snprintf(escape, sizeof(escape), "\\x%02X", byte);
+            shown += escape;
+        } else {
+            shown += c;
+        }
+    }
+    return shown;
+}
