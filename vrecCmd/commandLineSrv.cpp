@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "atMdonImpl.h"
 #include "console.h"
@@ -234,11 +235,14 @@ void CommandLineSrv::announceStarted() {
 }
 
 void CommandLineSrv::checkOptionValues(int argc, char** argv) {
-    // A quiet first pass: the parser speaks about unknown options in the pass that acts.
+    // A quiet first pass: the parser speaks about unknown options in the pass that acts. It
+    // goes over a copy, for the parser moves the words that are no options to the end.
+    std::vector<char*> words(argv, argv + argc);
+    words.push_back(nullptr);
     optind = 0;
     opterr = 0;
     int option = 0;
-    while ((option = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
+    while ((option = getopt_long(argc, words.data(), kShortOptions, kLongOptions, nullptr)) != -1) {
         if (optarg != nullptr) {
             const std::string rule = valueRule(option, optarg);
             if (!rule.empty()) {

@@ -162,8 +162,8 @@ TEST(CommandLine, OptionLinesWarningsAndStatuses) {
         {{"-t", "5", "-h", "-t", "6"}, "INFO:the max size of log size is set to 5MB.\n" + kUsage},
         // No module is attached: every capture fails to start, and the status says so.
         {{}, kOverwrite, 1},
-        {{"-t", "0", "-u", "A1", "-r", "0", "-r", "1", "-r", "2000000", "-o", "0"},
-         "INFO: file subitem is A1 .\nINFO: Reporting size of log file is OFF .\n" + on + on,
+        {{"-t", "0", "-u", "12", "-r", "0", "-r", "1", "-r", "2000000", "-o", "0"},
+         "INFO: file subitem is 12 .\nINFO: Reporting size of log file is OFF .\n" + on + on,
          1},
         {{"-t", "10", "-c", "20"},
          "INFO:the max size of log size is set to 10MB.\n" + cycle20 + kOverwrite +
@@ -179,6 +179,9 @@ TEST(CommandLine, OptionLinesWarningsAndStatuses) {
          "INFO: Log file logsave_3 request\nINFO: Log file logsave_x request\n"
          "INFO: Dump file dump1 request\nINFO: Log and dump files request\n"},
         {{"-f", "log", "-t", "5"}, "ERROR: only log(logsave*) and dump(dump*) can be exported!", 1},
+        // The ends of each range are good values.
+        {{"-r", "4294967295", "-c", "1048576", "-t", "0", "-o", "1", "-m", "6", "-u", "9999", "-v"},
+         "INFO: Reporting size of log file is ON .\nINFO: file subitem is 9999 .\n"},
         // The last run alone has the option parser speak, on stderr.
         {{"-x", "stray", "--pcuiport", "x", "-o", "0", "-t"}, "", 1},
     };
@@ -216,6 +219,68 @@ TEST(CommandLine, OptionLinesWarningsAndStatuses) {
                                 "option requires an argument -- 't'"}) {
         EXPECT_NE(std::string::npos, lastErrors.find(message)) << lastErrors;
     }
+}
+
+// A value out of its option's rules ends the run with its ERROR line before any option
+// acts: the ports named before it are never opened, nothing reaches the module.
+TEST(CommandLine, BadValuesEndTheRunBeforeAnyPortIsTouched) {
+    TempDir dir;
+    testkit::ModemSim module(dir.path(), {"--pcui", "pcui", "--diag", "diag"});
+    ASSERT_TRUE(module.ready);
+    const std::string size = "a whole number of MB from 0 to 1048576";
+    const struct {
+        Args args;
+        const char* shown;  // the value as the ERROR line shows it
+        const char* option;
+        std::string rule;
+    } cases[] = {
+        {{"-c", "abc"}, "abc", "-c (--cycle)", size},
+        {{"--cycle", "99999999999"}, "99999999999", "-c (--cycle)", size},
+        {{"-t", "5", "-c", "-1"}, "-1", "-c (--cycle)", size},
+        {{"-t", "1048577"}, "1048577", "-t (--total)", size},
+        {{"-t", "0x10"}, "0x10", "-t (--total)", size},
+        {{"-r", "-5"}, "-5", "-r (--report)", "a whole number from 0 to 4294967295"},
+        {{"-r", "4294967296"},
+         "4294967296",
+         "-r (--report)",
+         "a whole number from 0 to 4294967295"},
+        {{"-o", "7"}, "7", "-o (--overwrite)", "0 or 1"},
+        {{"-o", ""}, "", "-o (--overwrite)", "0 or 1"},
+        {{"-m", "9"}, "9", "-m (--mdon)", "a state from 0 to 6"},
+        {{"-m", "abc"}, "abc", "-m (--mdon)", "a state from 0 to 6"},
+        {{"-m", " 3"}, " 3", "-m (--mdon)", "a state from 0 to 6"},
+        // A unit that would close the quoted field and add a command of its own.
+        {{"-f", "logsave", "-u", "0\"\rAT^MDON=0\r"},
+         "0\"\\rAT^MDON=0\\r",
+         "-u (--unit)",
+         "a whole number from 0 to 9999"},
+        {{"-f", "logsave_1\",\"0"},
+         "logsave_1\",\"0",
+         "-f (--file)",
+         "a file name without quotes, commas, blanks or control characters"},
+        {{"-f", "dump 1"},
+         "dump 1",
+         "-f (--file)",
+         "a file name without quotes, commas, blanks or control characters"},
+    };
+    std::vector<std::unique_ptr<BackgroundRun>> runs;
+    for (const auto& c : cases) {
+        Args args = {kVrec, "-p", "./pcui", "-d", "./diag"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        runs.push_back(std::make_unique<BackgroundRun>(args, dir.path()));
+    }
+    for (size_t i = 0; i < runs.size(); ++i) {
+        SCOPED_TRACE("vrec " + ::testing::PrintToString(cases[i].args));
+        EXPECT_EQ(1, runs[i]->childStatus());
+        EXPECT_EQ(std::string("ERROR: invalid value \"") + cases[i].shown + "\" for " +
+                      cases[i].option + ": give " + cases[i].rule +
+                      ".\nUse vrec -h to see the options.\n",
+                  afterBanner(runs[i]->output()));
+        EXPECT_EQ("", runs[i]->errors());
+    }
+    EXPECT_TRUE(module.arrived("pcui").empty());
+    EXPECT_TRUE(module.arrived("diag").empty());
+    EXPECT_FALSE(testkit::fileExists(dir.file("vrec.log")));
 }
 
 TEST(StopClient, NobodyListening) {

@@ -101,51 +101,68 @@ TEST(Capture, TableGoesOutPacedAndTheStopFramesFollowOnStop) {
     EXPECT_NE(std::string::npos, sim.record().find("event stream stop log configuration 0"));
 }
 
+// One capture of what the simulator sends with `simArgs`, `sent` behind the answer to the
+// start request: the log holds it byte for byte, then also after the stop, and it is whole.
+void expectCapturedExactly(const Args& simArgs, const std::string& sent, bool bySignal,
+                           const Args& inspectSays = {}) {
+    Sim sim(simArgs);
+    Vrec vrec(sim.path(), {"-d", "./diag"});
+    ASSERT_TRUE(vrec.up) << vrec.run.output();
+    const std::string expected = kStartAnswer + sent;
+    const std::string log = sim.file("real_log.bin");
+    EXPECT_TRUE(waitFor([&] { return fileSize(log) == expected.size(); }, 20000)) << fileSize(log);
+    EXPECT_TRUE(testkit::readFile(log) == expected) << "the capture is not what was sent";
+
+    if (bySignal) {
+        EXPECT_TRUE(vrec.run.signalChild(SIGQUIT));
+    }
+    EXPECT_EQ(1, bySignal ? vrec.run.childStatus(15000) : vrec.stop());
+    EXPECT_TRUE(endsWith(vrec.run.output(), kStopLine)) << vrec.run.output();
+    EXPECT_EQ(kFileArrivals.back(), sim.arrived("diag").back());
+    // Behind the stream only the answer to the stop request may have come.
+    const std::string last = testkit::readFile(log);
+    EXPECT_TRUE(last == expected || last == expected + kStopAnswer)
+        << last.size() - expected.size();
+    std::string report;
+    EXPECT_EQ(0, inspect({log}, &report)) << report;
+    for (const std::string& text : inspectSays) {
+        EXPECT_NE(std::string::npos, report.find(text)) << text << "\n" << report;
+    }
+}
+
 // The capture holds what the module sent, byte for byte, however the run is stopped.
 TEST(Capture, LogHoldsExactlyWhatTheModuleSent) {
     testkit::isolateNetwork();
-    const std::string replay = std::string(VREC_SHARED_DATA) + "/real-diag-lte.bin";
     std::string stream;
     for (uint32_t seq = 0; seq < 30000; ++seq) {
         stream += vtools::frame(vtools::simLogPacket(seq));
     }
-    const struct {
-        const char* name;
-        Args simArgs;
-        bool bySignal;
-    } kCases[] = {
-        {"stopped by vrec -s", {"--total", "30000"}, false},
-        {"stopped by SIGQUIT", {"--total", "30000"}, true},
-        {"a phone's stream replayed", {"--replay", replay}, false},
-    };
-    for (const auto& c : kCases) {
-        SCOPED_TRACE(c.name);
-        const bool replaying = c.simArgs[0] == "--replay";
-        if (replaying && !testkit::fileExists(replay)) {
-            // The other cases still count; only the replay is left out, and says so.
-            printf("[  SKIPPED ] %s is absent: the real Diag stream is not replayed\n",
-                   replay.c_str());
-            continue;
-        }
-        Sim sim(c.simArgs);
-        Vrec vrec(sim.path(), {"-d", "./diag"});
-        ASSERT_TRUE(vrec.up) << vrec.run.output();
-        const std::string sent = kStartAnswer + (replaying ? testkit::readFile(replay) : stream);
-        const std::string log = sim.file("real_log.bin");
-        EXPECT_TRUE(waitFor([&] { return fileSize(log) == sent.size(); }, 20000)) << fileSize(log);
-        EXPECT_TRUE(testkit::readFile(log) == sent) << "the capture is not what was sent";
+    for (const bool bySignal : {false, true}) {
+        SCOPED_TRACE(bySignal ? "stopped by SIGQUIT" : "stopped by vrec -s");
+        expectCapturedExactly({"--total", "30000"}, stream, bySignal);
+    }
+}
 
-        if (c.bySignal) {
-            EXPECT_TRUE(vrec.run.signalChild(SIGQUIT));
-        }
-        EXPECT_EQ(1, c.bySignal ? vrec.run.childStatus(15000) : vrec.stop());
-        EXPECT_TRUE(endsWith(vrec.run.output(), kStopLine)) << vrec.run.output();
-        EXPECT_EQ(kFileArrivals.back(), sim.arrived("diag").back());
-        // Behind the stream only the answer to the stop request may have come.
-        const std::string last = testkit::readFile(log);
-        EXPECT_TRUE(last == sent || last == sent + kStopAnswer) << last.size() - sent.size();
-        std::string report;
-        EXPECT_EQ(0, inspect({log}, &report)) << report;
+// Phones' streams replayed: the one that begins with a cut frame has it behind the answer to
+// the start request, where it is still the cut frame the stream began with.
+TEST(Capture, LogHoldsExactlyWhatAPhoneSent) {
+    testkit::isolateNetwork();
+    const std::string data = VREC_SHARED_DATA;
+    if (!testkit::fileExists(data + "/real-diag-lte.bin")) {
+        GTEST_SKIP() << data << " is absent: no phone's stream to replay";
+    }
+    const struct {
+        const char* file;
+        Args inspectSays;
+    } kStreams[] = {
+        {"/real-diag-lte.bin", {"frames: 1809 good, 0 bad", "packets: log 1808, "}},
+        {"/real-diag-lte-gsm.bin", {"cut frame at the start: 45 bytes", "packets: log 5483, "}},
+    };
+    for (const auto& s : kStreams) {
+        SCOPED_TRACE(s.file);
+        const std::string replay = data + s.file;
+        expectCapturedExactly({"--replay", replay}, testkit::readFile(replay), false,
+                              s.inspectSays);
     }
 }
 
@@ -192,6 +209,8 @@ TEST(Capture, TotalWithoutCyclesEndsTheCaptureAndReportsComeByTheStep) {
 TEST(Capture, StartSetsGoOutAtStartAndReconnect) {
     testkit::isolateNetwork();
     const std::string trace = "text at+trace=";
+    const std::string kSysTrace =
+        "at AT+XSYSTRACE=0,\"bb_sw=1\",\"bb_sw=sdl:th,tr,st,db,pr,lt,li,gt,ae,mo\",\"oct=4\"";
     const struct {
         Args args;
         bool commandFiles;
@@ -200,13 +219,13 @@ TEST(Capture, StartSetsGoOutAtStartAndReconnect) {
         Args pcui;
     } kCases[] = {
         {{"-i", "-d", "./diag"}, true, {kFileArrivals[0]}, kFileArrivals[2], {}},
-        // The PCUI port is let go after the start, and its name with it: a reconnect can
-        // find it again only by discovery, which sees no module here.
+        // The PCUI port is let go after the start; a reconnect opens it again by the name
+        // given with -p, for its command.
         {{"-i", "-p", "./pcui", "-d", "./diag"},
          false,
          {"text .trace-on4" + std::string(32, 'F') + ".", trace + "1"},
          trace + "0",
-         {"at AT+XSYSTRACE=0,\"bb_sw=1\",\"bb_sw=sdl:th,tr,st,db,pr,lt,li,gt,ae,mo\",\"oct=4\""}},
+         {kSysTrace, kSysTrace}},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(testing::PrintToString(c.args) + (c.commandFiles ? " with files" : ""));

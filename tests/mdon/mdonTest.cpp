@@ -89,8 +89,10 @@ TEST(Mdon, EachStateSendsItsCommandsInOrderAndEndsItsWay) {
         {"-m 2", "--fault error=^MDON", "AT^MDSL=1 AT^MDSF=0 AT^MDON=2", false, false,
          "Execute AT AT^MDON=2\r failed.", true},
         // A place on the host is none of the module's: no AT^MDSL goes out.
-        {"-m 3 -d ./diag -l logs", "", "AT^MDSF=0 AT^MDON=3", true, false, ""},
-        {"-m 4 -d ./diag", "", "AT^MDSL=1 AT^MDSF=0 AT^MDON=4", true, false, ""},
+        // A real-time log too lets the port go; the stop opens it again by its -p name, for
+        // there is no module to discover.
+        {"-m 3 -d ./diag -l logs", "", "AT^MDSF=0 AT^MDON=3", true, true, ""},
+        {"-m 4 -d ./diag", "", "AT^MDSL=1 AT^MDSF=0 AT^MDON=4", true, true, ""},
     };
     for (const ModeCase& c : cases) {
         SCOPED_TRACE(std::string(c.args) + " " + c.module);
@@ -114,6 +116,8 @@ TEST(Mdon, EachStateSendsItsCommandsInOrderAndEndsItsWay) {
             EXPECT_EQ(1, stopVrec(vrec, dir.path()));
             EXPECT_TRUE(has(vrec.output(), "INFO: Stop capturing log.")) << vrec.output();
             EXPECT_EQ(words(c.sent + std::string(" AT^MDON=0")), module.commands());
+            const std::string stopLog = testkit::readFile(dir.file("vrec.log")).substr(log.size());
+            EXPECT_TRUE(has(stopLog, "Regain Pcui port success")) << stopLog;
         }
     }
 }
@@ -142,6 +146,7 @@ struct UploadCase {
     const char* module;                 // options of the module
     const char* sent;                   // the pieces that went out, "NUMBER/COUNT:BYTES"
     std::optional<std::string> stored;  // what the module put together
+    bool done;                          // the upload, as vrec.log tells
 };
 
 TEST(Mdon, ConfigurationGoesUpInPiecesBeforeLoggingStarts) {
@@ -152,11 +157,11 @@ TEST(Mdon, ConfigurationGoesUpInPiecesBeforeLoggingStarts) {
     }
     const std::string& builtIn = builtInLogConfig();
     const UploadCase cases[] = {
-        {"no file", std::nullopt, "", "1/4:723 2/4:723 3/4:723 4/4:205", builtIn},
-        {"empty file", "", "", "1/4:723 2/4:723 3/4:723 4/4:205", builtIn},
-        {"binary file", binary, "", "1/3:723 2/3:723 3/3:54", binary},
-        {"refused piece", std::nullopt, "--fault error=^RSFW", "1/4:723", std::nullopt},
-        {"no room for a piece", std::nullopt, "--cmdlen 60", "", std::nullopt},
+        {"no file", std::nullopt, "", "1/4:723 2/4:723 3/4:723 4/4:205", builtIn, true},
+        {"empty file", "", "", "1/4:723 2/4:723 3/4:723 4/4:205", builtIn, true},
+        {"binary file", binary, "", "1/3:723 2/3:723 3/3:54", binary, true},
+        {"refused piece", std::nullopt, "--fault error=^RSFW", "1/4:723", std::nullopt, false},
+        {"no room for a piece", std::nullopt, "--cmdlen 60", "", std::nullopt, false},
     };
     for (const UploadCase& c : cases) {
         SCOPED_TRACE(c.what);
@@ -179,6 +184,11 @@ TEST(Mdon, ConfigurationGoesUpInPiecesBeforeLoggingStarts) {
         const std::string stored = dir.file("module/logconfig.xml");
         ASSERT_EQ(c.stored.has_value(), testkit::fileExists(stored));
         EXPECT_TRUE(!c.stored || testkit::readFile(stored) == *c.stored);
+        // Of the upload's exchanges only AT^CMDLEN? stands in the log with its answer.
+        const std::string log = testkit::readFile(dir.file("vrec.log"));
+        EXPECT_TRUE(has(log, c.done ? "Send config file succee!." : "Send config file error!."));
+        EXPECT_TRUE(has(log, "\nAT: AT^CMDLEN?\r"));
+        EXPECT_FALSE(has(log, "\nAT: AT^RSFW"));
     }
 }
 

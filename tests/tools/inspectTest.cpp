@@ -44,6 +44,13 @@ std::string simStream(uint32_t from, uint32_t to) {
     return wire;
 }
 
+// The frame of `packet` in the wrapper of a multi-SIM chip.
+std::string wrapped(unsigned subscription, const std::string& packet) {
+    std::string wrapper("\x98\x01\0\0", 4);
+    vtools::appendLe32(wrapper, subscription);
+    return vtools::frame(wrapper + packet);
+}
+
 const std::string kInspect = testkit::builtProgram("tools/vrec-inspect");
 
 }  // namespace
@@ -103,12 +110,16 @@ TEST(Inspect, VerdictsOnDamagedGappedAndReorderedStreams) {
     altered[altered.size() - 3] ^= 1;
     std::string flipped = simStream(0, 9);
     flipped[flipped.size() / 2] ^= 0x01;
+    const std::string answers = vtools::frame("\x4B\x13") + vtools::frame("\x1D\x1C");
+    const std::string cutHead = simStream(40, 41).substr(20);  // 44 bytes
+    // An LTE RRC log packet: header with its lengths and code, time, a 2-byte payload.
+    const std::string rrc("\x10\0\x0E\0\x0E\0\xC0\xB0\1\2\3\4\5\6\7\x08\xAA\xBB", 18);
     const std::string kinds = vtools::frame("\x4B\x13") + vtools::frame("\x60\x01") +
                               vtools::frame(std::string("\x79\0", 2)) + simStream(0, 2);
     const struct {
         std::string content;
         int status;
-        const char* says;
+        std::string says;
     } rows[] = {
         {kinds, 0, "packets: log 2, event 1, message 1, response 1\n  log 0x1F5A: 2\n"},
         {simStream(0, 57) + simStream(58, 100), 1,
@@ -118,20 +129,94 @@ TEST(Inspect, VerdictsOnDamagedGappedAndReorderedStreams) {
         {simStream(0, 3) + vtools::frame(altered) + simStream(4, 6), 1,
          "first 0, last 5, missing 1 in 1 gaps, out of order 0, damaged 1"},
         {flipped, 1, "frames: 8 good, 1 bad check sequence"},
-        {simStream(0, 5) + "\x7E\x7E" + simStream(5, 9), 1, "bytes outside frames: 2\n"},
+        // Back-to-back flags are empty frames, which HDLC allows and real streams hold.
+        {"\x7E" + simStream(0, 5) + "\x7E\x7E" + simStream(5, 9), 0,
+         "bytes outside frames: 0\nempty frames (back-to-back flags): 3\n"},
+        {simStream(0, 5) + "\x7E\x41\x42\x7E" + simStream(5, 9), 1,
+         "bytes outside frames: 3\nempty frames (back-to-back flags): 1\n"},
+        // Where the stream begins, after the answers to the host's requests, a cut frame is
+        // no damage; a second one before the stream, or one in it, is.
+        {answers + cutHead + simStream(41, 50), 0, "cut frame at the start: 44 bytes\n"},
+        {answers + cutHead + answers + cutHead + simStream(41, 50), 1,
+         "frames: 13 good, 1 bad check sequence\nbytes outside frames: 0\ncut frame at the start: "
+         "44 bytes\n"},
+        {answers + simStream(39, 40) + cutHead + simStream(41, 50), 1,
+         "frames: 12 good, 1 bad check sequence\n"},
+        // Log packets in a multi-SIM wrapper count by their own log code; another header
+        // is no wrapper.
+        {wrapped(1, rrc) + wrapped(2, rrc) +
+             vtools::frame(std::string("\x98\x02\0\0\1\0\0\0", 8) + rrc) +
+             vtools::frame(std::string("\x98\x01\0\0\1\0\0\0\x60\x01", 10)),
+         0, "packets: log 2, event 1, message 0, response 1\n  log 0xB0C0: 2\nverdict: whole\n"},
+        // A stream that ends inside a frame, as a capture stopped mid-frame does.
+        {simStream(0, 9).substr(0, simStream(0, 9).size() - 3), 1,
+         "verdict: CUT AT THE END: the last 87 bytes are a frame that never closed, as a "
+         "capture stopped or killed mid-frame leaves it (--allow-cut-end accepts it)\n"},
     };
     std::string out;
     for (const auto& row : rows) {
+        SCOPED_TRACE(hex(row.content.substr(0, 40)));
         testkit::writeFile(dir.file("capture.bin"), row.content);
         EXPECT_EQ(row.status, testkit::runToEnd({kInspect, "capture.bin"}, dir.path(), &out))
             << out;
         EXPECT_NE(out.find(row.says), std::string::npos) << row.says << "\n" << out;
     }
-    // A file cut at both ends mid-frame, as an item is: only --strict counts the cuts.
+    // A file cut at both ends mid-frame, as an item is: --allow-cut-end takes the end, and
+    // --strict counts the start all the same.
     testkit::writeFile(dir.file("cut.bin"), simStream(40, 400).substr(1001, 5000));
-    EXPECT_EQ(0, testkit::runToEnd({kInspect, "--each", "cut.bin"}, dir.path(), &out)) << out;
+    EXPECT_EQ(1, testkit::runToEnd({kInspect, "--each", "cut.bin"}, dir.path(), &out)) << out;
+    EXPECT_EQ(
+        0, testkit::runToEnd({kInspect, "--each", "--allow-cut-end", "cut.bin"}, dir.path(), &out))
+        << out;
     EXPECT_NE(out.find("cut frame at the start"), std::string::npos) << out;
-    EXPECT_EQ(1, testkit::runToEnd({kInspect, "--strict", "cut.bin"}, dir.path(), &out)) << out;
+    EXPECT_NE(out.find("verdict: whole up to a cut at the end of "), std::string::npos) << out;
+    EXPECT_EQ(1, testkit::runToEnd({kInspect, "--strict", "--allow-cut-end", "cut.bin"}, dir.path(),
+                                   &out))
+        << out;
+    EXPECT_NE(out.find("verdict: CORRUPT: a cut frame at the start\n"), std::string::npos) << out;
     EXPECT_EQ(2, testkit::runToEnd({kInspect, "missing.bin"}, dir.path(), &out));
     EXPECT_EQ(2, testkit::runToEnd({kInspect}, dir.path(), &out));
+}
+
+// A phone's stream that begins with a cut frame, behind an answer as vrec stores it; then the
+// same with every log packet wrapped as a multi-SIM chip sends it. The counts are those of an
+// independent tally of the file.
+TEST(Inspect, RealStreamBehindAnAnswerWrappedOrNot) {
+    const std::string path = std::string(VREC_SHARED_DATA) + "/real-diag-lte-gsm.bin";
+    if (!testkit::fileExists(path)) {
+        GTEST_SKIP() << path << " is absent: no real stream to check the verdicts on";
+    }
+    const std::string real = testkit::readFile(path);
+    std::string rewrapped;
+    vtools::Deframer deframer;
+    deframer.feed(real.data(), real.size());
+    DeframeStep step;
+    size_t offset = 0;
+    unsigned count = 0;
+    while (deframer.next(step)) {
+        const bool log = step.kind == DeframeStep::kFrame && step.fcsOk && step.packet[0] == 0x10;
+        rewrapped += log ? wrapped(1 + count++ % 2, step.packet) : real.substr(offset, step.used);
+        offset += step.used;
+    }
+    ASSERT_EQ(real.size(), offset);
+    ASSERT_EQ(5483u, count);
+
+    testkit::TempDir dir;
+    const char* const says[] = {
+        "frames: 5501 good, 0 bad check sequence\nbytes outside frames: 0\n"
+        "cut frame at the start: 45 bytes\npackets: log 5483, event 1, message 0, response 17\n",
+        "  log 0x512F: 378\n",
+        "  log 0x5230: 9\n",
+        "  log 0x713A: 27\n",
+        "  log 0xB0C0: 4343\n",
+        "  log 0xB0ED: 50\n",
+        "verdict: whole\n"};
+    for (const std::string& stream : {real, rewrapped}) {
+        testkit::writeFile(dir.file("real_log.bin"), vtools::frame("\x4B\x13") + stream);
+        std::string out;
+        EXPECT_EQ(0, testkit::runToEnd({kInspect, "real_log.bin"}, dir.path(), &out)) << out;
+        for (const char* text : says) {
+            EXPECT_NE(std::string::npos, out.find(text)) << text << "\n" << out;
+        }
+    }
 }
