@@ -17,6 +17,9 @@ have_cmd ip || missing+=(iproute2)
 # Wireshark's command-line reader: the tests of vrec-decode read its pcapng files with it.
 have_cmd tshark || missing+=(tshark)
 have_cmd clang++ || missing+=(clang)
+# clang's libFuzzer, for the fuzz targets
+compgen -G "/usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a" >/dev/null ||
+    missing+=(libclang-rt-dev)
 have_cmd dpkg-shlibdeps || missing+=(dpkg-dev)
 have_cmd man || missing+=(man-db)
 # Storage that stalls, for the tests and the benchmark (vrec-stallfs).

@@ -26,4 +26,8 @@ echo "== tests, g++ build"
 (cd "$root/build" && ctest -j "$jobs" --output-on-failure) || status=1
 echo "== tests, clang sanitizer build"
 (cd "$root/build-asan" && ctest -j "$jobs" --output-on-failure) || status=1
+
+# Fuzzing: each parser's target for about 20 s, two at a time, where clang's libFuzzer is at
+# hand (the corpus replay above runs everywhere).
+"$root/scripts/fuzz.sh" 20 || status=1
 exit $status

@@ -18,6 +18,7 @@
 
 #include "atMdonImpl.h"
 #include "console.h"
+#include "controlMessage.h"
 #include "diagImpl.h"
 #include "diagLog.h"
 #include "optionValues.h"
@@ -428,10 +429,7 @@ void CommandLineSrv::OnReceive(const sockaddr_in* from, const char* data, int le
     if (from == nullptr || (ntohl(from->sin_addr.s_addr) >> 24) != IN_LOOPBACKNET) {
         return;
     }
-    // The buffer holds no terminator when the datagram filled it, so search by length.
-    const char* end = data + length;
-    static const char kStop[] = "stop";
-    if (std::search(data, end, kStop, kStop + 4) != end) {
+    if (length > 0 && isStopMessage(data, static_cast<size_t>(length))) {
         stopAndExit();
     }
 }

@@ -29,10 +29,11 @@ bool parseWholeNumber(const std::string& text, uint64_t low, uint64_t high, uint
         if (c < '0' || c > '9') {
             return false;
         }
-        number = number * 10 + static_cast<uint64_t>(c - '0');
-        if (number > high) {
-            return false;  // also stops before the number could overflow
+        const auto digit = static_cast<uint64_t>(c - '0');
+        if (number > (high - digit) / 10 || digit > high) {
+            return false;  // beyond the range, tested before the number could overflow
         }
+        number = number * 10 + digit;
     }
     if (number < low) {
         return false;
