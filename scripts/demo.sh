@@ -38,5 +38,6 @@ sleep 0.2
 
 echo "== files"
 ls -l
-echo "== vrec-inspect real_log.bin"
-"$build/tools/vrec-inspect" real_log.bin
+# Stopped while the module still streams, the capture may end inside a frame: accepted.
+echo "== vrec-inspect --allow-cut-end real_log.bin"
+"$build/tools/vrec-inspect" --allow-cut-end real_log.bin
