@@ -106,7 +106,7 @@ bool staysAlive(const CaptureOptions& options) {
     }
     consolePrint(
         "ERROR: invalid value \"%s\" for -%c (--%s): give %s.\nUse vrec -h to see the options.\n",
-        printableText(value).c_str(), option, longName, rule.c_str());
+        escapeText(value).c_str(), option, longName, rule.c_str());
     exit(1);
 }
 

@@ -1,7 +1,5 @@
 #include "optionValues.h"
 
-#include <cstdio>
-
 #include "textUtil.h"
 
 namespace {
@@ -62,27 +60,4 @@ std::string valueRule(int letter, const std::string& text) {
         default:
             return "";
     }
-}
-
-std::string printableText(const std::string& text) {
-    std::string shown;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '\r') {
-            shown += "\\r";
-        } else if (c == '\n') {
-            shown += "\\n";
-        } else if (c == '\t') {
-            shown += "\\t";
-        } else if (c == '\\') {
-            shown += "\\\\";
-        } else if (byte < 0x20 || byte >= 0x7F) {
-            char escape[5];
-            snprintf(escape, sizeof(escape), "\\x%02X", byte);
-            shown += escape;
-        } else {
-            shown += c;
-        }
-    }
-    return shown;
 }

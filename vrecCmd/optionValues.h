@@ -13,8 +13,4 @@ bool parseWholeNumber(const std::string& text, uint64_t low, uint64_t high, uint
 // What a value of the option `letter` must be, when `text` is not one; empty when it is.
 std::string valueRule(int letter, const std::string& text);
 
-// `text` with control characters and bytes outside ASCII written as escapes, for showing
-// what was typed.
-std::string printableText(const std::string& text);
-
 #endif

@@ -3,6 +3,7 @@
 
 #include "fuzzSupport.h"
 #include "optionValues.h"
+#include "textUtil.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text = fuzz::text(data, size);
@@ -20,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (parseWholeNumber(text, 5, 1048576, &value) && (value < 5 || value > 1048576)) {
         fuzz::fail("a number outside its range accepted");
     }
-    for (const char c : printableText(text)) {
+    for (const char c : escapeText(text)) {
         if (c < 0x20 || c >= 0x7F) {
             fuzz::fail("an unprintable byte shown as it is");
         }

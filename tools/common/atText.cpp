@@ -1,7 +1,5 @@
 #include "atText.h"
 
-#include <cstdio>
-
 namespace vtools {
 
 AtArgs splitAtArgs(const std::string& text) {
@@ -91,27 +89,6 @@ bool base64DecodeStrict(const std::string& text, std::string* out) {
             *out += static_cast<char>(group & 0xFF);
     }
     return true;
-}
-
-std::string escapeText(const std::string& text) {
-    std::string out;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '\r') {
-            out += "\\r";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c == '\\') {
-            out += "\\\\";
-        } else if (byte < 0x20 || byte >= 0x7F) {
-            char code[8];
-            snprintf(code, sizeof(code), "\\x%02X", byte);
-            out += code;
-        } else {
-            out += c;
-        }
-    }
-    return out;
 }
 
 std::string hexBytes(const std::string& bytes) {

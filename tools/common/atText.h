@@ -19,8 +19,6 @@ AtArgs splitAtArgs(const std::string& text);
 // alphabet, "=" only as the last one or two characters, unused bits zero.
 bool base64DecodeStrict(const std::string& text, std::string* out);
 
-// A printable form for record lines: \r, \n, \\ and other control bytes as escapes.
-std::string escapeText(const std::string& text);
 std::string hexBytes(const std::string& bytes);  // "4B13" form, upper case, no blanks
 
 }  // namespace vtools

@@ -11,6 +11,7 @@
 
 #include "atText.h"
 #include "codec.h"
+#include "textUtil.h"
 
 namespace vtools {
 

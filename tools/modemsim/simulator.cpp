@@ -17,6 +17,7 @@
 #include "atText.h"
 #include "diagPacket.h"
 #include "seqStream.h"
+#include "textUtil.h"
 
 namespace vtools {
 
