@@ -14,7 +14,6 @@ constexpr unsigned char kCmdSubsystem = 0x4B;
 
 // Multi-SIM chips wrap packets: 98 01 00 00, the 32-bit subscription id, then the packet
 // with its own command code. The frame's check sequence covers the wrapper.
-constexpr unsigned char kCmdSubscription = 0x98;
 constexpr size_t kSubscriptionHeader = 8;
 // Where the packet proper begins: behind the wrapper, or at 0.
 size_t packetStart(const std::string& packet);
