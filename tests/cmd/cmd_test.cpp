@@ -228,6 +228,8 @@ TEST(CommandLine, BadValuesEndTheRunBeforeAnyPortIsTouched) {
     testkit::ModemSim module(dir.path(), {"--pcui", "pcui", "--diag", "diag"});
     ASSERT_TRUE(module.ready);
     const std::string size = "a whole number of MB from 0 to 1048576";
+    const std::string step = "a whole number from 0 to 4294967295";
+    const std::string name = "a file name without quotes, commas, blanks or control characters";
     const struct {
         Args args;
         const char* shown;  // the value as the ERROR line shows it
@@ -239,11 +241,8 @@ TEST(CommandLine, BadValuesEndTheRunBeforeAnyPortIsTouched) {
         {{"-t", "5", "-c", "-1"}, "-1", "-c (--cycle)", size},
         {{"-t", "1048577"}, "1048577", "-t (--total)", size},
         {{"-t", "0x10"}, "0x10", "-t (--total)", size},
-        {{"-r", "-5"}, "-5", "-r (--report)", "a whole number from 0 to 4294967295"},
-        {{"-r", "4294967296"},
-         "4294967296",
-         "-r (--report)",
-         "a whole number from 0 to 4294967295"},
+        {{"-r", "-5"}, "-5", "-r (--report)", step},
+        {{"-r", "4294967296"}, "4294967296", "-r (--report)", step},
         {{"-o", "7"}, "7", "-o (--overwrite)", "0 or 1"},
         {{"-o", ""}, "", "-o (--overwrite)", "0 or 1"},
         {{"-m", "9"}, "9", "-m (--mdon)", "a state from 0 to 6"},
@@ -254,14 +253,8 @@ TEST(CommandLine, BadValuesEndTheRunBeforeAnyPortIsTouched) {
          "0\"\\rAT^MDON=0\\r",
          "-u (--unit)",
          "a whole number from 0 to 9999"},
-        {{"-f", "logsave_1\",\"0"},
-         "logsave_1\",\"0",
-         "-f (--file)",
-         "a file name without quotes, commas, blanks or control characters"},
-        {{"-f", "dump 1"},
-         "dump 1",
-         "-f (--file)",
-         "a file name without quotes, commas, blanks or control characters"},
+        {{"-f", "logsave_1\",\"0"}, "logsave_1\",\"0", "-f (--file)", name},
+        {{"-f", "dump 1"}, "dump 1", "-f (--file)", name},
     };
     std::vector<std::unique_ptr<BackgroundRun>> runs;
     for (const auto& c : cases) {
@@ -271,6 +264,7 @@ TEST(CommandLine, BadValuesEndTheRunBeforeAnyPortIsTouched) {
     }
     for (size_t i = 0; i < runs.size(); ++i) {
         SCOPED_TRACE("vrec " + ::testing::PrintToString(cases[i].args));
+        EXPECT_EQ(1, runs[i]->launcherStatus());
         EXPECT_EQ(1, runs[i]->childStatus());
         EXPECT_EQ(std::string("ERROR: invalid value \"") + cases[i].shown + "\" for " +
                       cases[i].option + ": give " + cases[i].rule +
