@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
+# Usage: scripts/fuzz.sh [SECONDS [BUILD]]
 # Fuzzes every parser of outside input for SECONDS each (default 20), two targets at a time,
-# with clang's libFuzzer. Where clang or libFuzzer is missing it says so and ends with 0: the
-# corpus replay in the ordinary tests still runs with the normal compiler.
-# New inputs go to build-fuzz/corpus, failing ones to build-fuzz/failures; an input that
-# failed belongs in tests/fuzz/corpus/TARGET/ as regression-WHAT once it is fixed.
+# with clang's libFuzzer, in BUILD (default build-fuzz, made with clang and the sanitizers; a
+# given one must have been configured with -DVREC_LIBFUZZER=ON). Where clang or libFuzzer is
+# missing it says so and ends with 0: the corpus replay of the ordinary tests still runs.
+# New inputs go to BUILD/corpus, failing ones to BUILD/failures; an input that failed belongs
+# in tests/fuzz/corpus/TARGET/ as regression-WHAT once it is fixed.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${1:-20}
-build="$root/build-fuzz"
+build=${2:-$root/build-fuzz}
 
 probe=$(mktemp -d)
 trap 'rm -rf "$probe"' EXIT
@@ -24,8 +26,13 @@ for dir in "$root"/tests/fuzz/corpus/*/; do
     targets+=("$(basename "$dir")")
 done
 echo "== fuzzing ${targets[*]}: ${seconds} s each"
-CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DVREC_WERROR=ON -DVREC_SANITIZE=ON -DVREC_LIBFUZZER=ON >/dev/null
+if [ ! -f "$build/CMakeCache.txt" ]; then
+    CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DVREC_WERROR=ON -DVREC_SANITIZE=ON -DVREC_LIBFUZZER=ON >/dev/null
+elif ! grep -q '^VREC_LIBFUZZER:BOOL=ON' "$build/CMakeCache.txt"; then
+    echo "fuzz.sh: $build was not configured with -DVREC_LIBFUZZER=ON" >&2
+    exit 2
+fi
 cmake --build "$build" -j "${JOBS:-2}" --target "${targets[@]/#/fuzz_}" >/dev/null
 
 mkdir -p "$build/failures"

@@ -203,8 +203,8 @@ TEST(Inspect, RealStreamBehindAnAnswerWrappedOrNot) {
 
     testkit::TempDir dir;
     const char* const says[] = {
-        "frames: 5501 good, 0 bad check sequence\nbytes outside frames: 0\n"
-        "cut frame at the start: 45 bytes\npackets: log 5483, event 1, message 0, response 17\n",
+        "frames: 5501 good, 0 bad check sequence\nbytes outside frames: 0\n",
+        "\ncut frame at the start: 45 bytes\npackets: log 5483, event 1, message 0, response 17\n",
         "  log 0x512F: 378\n",
         "  log 0x5230: 9\n",
         "  log 0x713A: 27\n",
