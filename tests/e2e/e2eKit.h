@@ -167,6 +167,16 @@ inline std::vector<int> itemNumbers(const std::string& dir) {
     return numbers;
 }
 
+// The bytes of log that vrec's terminal lines said were lost, in all.
+inline long long lossTold(const std::string& out) {
+    const std::string label = "WARNING: ";
+    long long told = 0;
+    for (size_t at = out.find(label); at != std::string::npos; at = out.find(label, at + 1)) {
+        told += strtoll(out.c_str() + at + label.size(), nullptr, 10);
+    }
+    return told;
+}
+
 }  // namespace e2e
 
 #endif

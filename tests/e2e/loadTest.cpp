@@ -91,11 +91,7 @@ TEST(Pipeline, AQueueOverflowIsCountedToTheByteAndTheCaptureGoesOn) {
     EXPECT_EQ(1, vrec.stop());
 
     const std::string out = vrec.run.output();
-    const std::string label = "WARNING: ";
-    long long told = 0;
-    for (size_t at = out.find(label); at != std::string::npos; at = out.find(label, at + 1)) {
-        told += strtoll(out.c_str() + at + label.size(), nullptr, 10);
-    }
+    const long long told = lossTold(out);
     EXPECT_GT(told, static_cast<long long>(8 * kMiB)) << out;
     EXPECT_EQ(static_cast<long long>(counts.written - fileSize(log)), told) << out;
     const std::string diagLog = testkit::readFile(sim.file("vrec.log"));

@@ -189,6 +189,15 @@ long residentKiB(const std::string& statusFile) {
     return at == std::string::npos ? 0 : strtol(status.c_str() + at + 6, nullptr, 10);
 }
 
+// A tmpfs of `size` in the test's own mount namespace, under the simulator's directory.
+std::string smallDisk(Sim& sim, Mounts& mounts, const char* size) {
+    testkit::isolateNetwork();
+    const std::string disk = sim.file("disk");
+    EXPECT_EQ(0, mkdir(disk.c_str(), 0755));
+    mounts.add("tmpfs", disk, "tmpfs", 0, (std::string("size=") + size).c_str());
+    return disk;
+}
+
 // A disk that fills up: reading goes on, what cannot be queued is counted and told, storing
 // is tried again, and the capture goes on in the same file once there is room; with a total
 // limit the oldest item makes room first and nothing is lost.
@@ -199,10 +208,8 @@ TEST(Pipeline, AFullDiskIsSurvived) {
         GTEST_SKIP() << "no mount namespace of our own (" << strerror(errno)
                      << "): a small disk cannot be put in place";
     }
-    testkit::isolateNetwork();
-    const std::string disk = sim.file("disk");
-    ASSERT_EQ(0, mkdir(disk.c_str(), 0755));
-    ASSERT_TRUE(mounts.add("tmpfs", disk, "tmpfs", 0, "size=64m"));
+    const std::string disk = smallDisk(sim, mounts, "64m");
+    ASSERT_FALSE(HasFailure());
     // Room for 4 MiB of log: the queue of 16 MiB fills a few seconds after the disk.
     testkit::writeFile(disk + "/filler", std::string(60 * kMiB, 'f'));
     Vrec vrec(sim.path(), {"-d", "./diag", "-l", disk});
@@ -230,11 +237,7 @@ TEST(Pipeline, AFullDiskIsSurvived) {
         stored.resize(stored.size() - kStopAnswer.size());
     }
     const std::string out = vrec.run.output();
-    const std::string label = "WARNING: ";
-    long long told = 0;
-    for (size_t at = out.find(label); at != std::string::npos; at = out.find(label, at + 1)) {
-        told += strtoll(out.c_str() + at + label.size(), nullptr, 10);
-    }
+    const long long told = lossTold(out);
     EXPECT_GT(told, 0) << out;
     EXPECT_EQ(static_cast<long long>(sent.size() - stored.size()), told) << out;
     std::string report;
@@ -254,10 +257,8 @@ TEST(Pipeline, AFullDiskMakesRoomByTheOldestItemUnderATotalLimit) {
         GTEST_SKIP() << "no mount namespace of our own (" << strerror(errno)
                      << "): a small disk cannot be put in place";
     }
-    testkit::isolateNetwork();
-    const std::string disk = sim.file("disk");
-    ASSERT_EQ(0, mkdir(disk.c_str(), 0755));
-    ASSERT_TRUE(mounts.add("tmpfs", disk, "tmpfs", 0, "size=8m"));
+    const std::string disk = smallDisk(sim, mounts, "8m");
+    ASSERT_FALSE(HasFailure());
     // Room for two and a half items: the third cannot be finished without a deletion.
     testkit::writeFile(disk + "/filler", std::string(8 * kMiB - 5 * kMiB / 2, 'f'));
     Vrec vrec(sim.path(), {"-d", "./diag", "-l", disk, "-c", "1", "-t", "3"});
