@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 
 #include "e2eKit.h"
@@ -40,20 +41,36 @@ testkit::SimCounts silenceAndSettle(Sim& sim, const std::string& log) {
     return counts;
 }
 
+// vrec capturing from a module that never waits, at 8 MB/s, onto storage that stalls as
+// `stalls` say; `vrec` is null where FUSE cannot be used.
+struct LoadRun {
+    explicit LoadRun(const Args& stalls) : storage(stalls) {
+        if (storage.mounted()) {
+            testkit::isolateNetwork();
+            sim = std::make_unique<Sim>(Args{"--drop-when-full", "--byte-rate", "8M"});
+            vrec = std::make_unique<Vrec>(sim->path(), Args{"-d", "./diag", "-l", storage.dir()});
+        }
+    }
+    std::string log() const { return storage.backing() + "/real_log.bin"; }
+
+    testkit::StallFs storage;
+    std::unique_ptr<Sim> sim;
+    std::unique_ptr<Vrec> vrec;
+};
+
 // A module that never waits (the simulator's driver model: a 640 KiB receive buffer that
 // drops what does not fit) at 8 MB/s, onto storage that stalls 250 ms every second: the
 // reader keeps the driver's buffer empty through every stall, and a 20-second capture is
 // exactly what the module delivered.
 TEST(Pipeline, StorageThatStallsLosesNothing) {
-    testkit::StallFs storage({"--every-ms", "1000", "--stall-ms", "250"});
-    if (!storage.mounted()) {
-        GTEST_SKIP() << storage.whyNot();
+    LoadRun run({"--every-ms", "1000", "--stall-ms", "250"});
+    if (!run.vrec) {
+        GTEST_SKIP() << run.storage.whyNot();
     }
-    testkit::isolateNetwork();
-    Sim sim({"--drop-when-full", "--byte-rate", "8M"});
-    Vrec vrec(sim.path(), {"-d", "./diag", "-l", storage.dir()});
+    Sim& sim = *run.sim;
+    Vrec& vrec = *run.vrec;
     ASSERT_TRUE(vrec.up) << vrec.run.output();
-    const std::string log = storage.backing() + "/real_log.bin";
+    const std::string log = run.log();
     usleep(20 * 1000 * 1000);  // the length of the capture
     const testkit::SimCounts counts = silenceAndSettle(sim, log);
     ASSERT_TRUE(counts.valid);
@@ -70,15 +87,15 @@ TEST(Pipeline, StorageThatStallsLosesNothing) {
 // buffer, the loss is told on the terminal and in vrec.log to the byte, and the capture goes
 // on afterwards.
 TEST(Pipeline, AQueueOverflowIsCountedToTheByteAndTheCaptureGoesOn) {
-    testkit::StallFs storage;
-    if (!storage.mounted()) {
-        GTEST_SKIP() << storage.whyNot();
+    LoadRun run({});
+    if (!run.vrec) {
+        GTEST_SKIP() << run.storage.whyNot();
     }
-    testkit::isolateNetwork();
-    Sim sim({"--drop-when-full", "--byte-rate", "8M"});
-    Vrec vrec(sim.path(), {"-d", "./diag", "-l", storage.dir()});
+    Sim& sim = *run.sim;
+    Vrec& vrec = *run.vrec;
+    testkit::StallFs& storage = run.storage;
     ASSERT_TRUE(vrec.up) << vrec.run.output();
-    const std::string log = storage.backing() + "/real_log.bin";
+    const std::string log = run.log();
     ASSERT_TRUE(waitFor([&] { return fileSize(log) > 4 * kMiB; }, 10000));
     // 5 s of 8 MB/s is more than twice what the queue holds.
     ASSERT_TRUE(storage.control("stall 5000"));
