@@ -43,7 +43,6 @@ void DiagService::readPort() {
         DIAG_LOG(LOG_INFO, "the reader keeps its normal priority: %s", strerror(errno));
     }
     wakeup.Drain();
-    unpublished = 0;
     bool afterWait = false;
     int readSizes = kSmallReadBytes;  // a running mean of the bytes each read brings
     while (running && !writerDone) {
@@ -60,11 +59,8 @@ void DiagService::readPort() {
         OS_ADAPT_ReadNow(diagPort, place, static_cast<int>(room), &count);
         ReadResult result = ReadResult::Drained;
         if (count > 0) {
-            bytesRead += static_cast<uint64_t>(count);
             if (queued) {
                 ring->commit(static_cast<size_t>(count));
-                bytesQueued += static_cast<uint64_t>(count);
-                unpublished += static_cast<size_t>(count);
             } else {
                 ring->drop(static_cast<size_t>(count));
             }
@@ -111,10 +107,10 @@ void DiagService::readPort() {
 int DiagService::waitForPort() {
     // While queued bytes wait for the writer, the wait is short: when the port is quiet
     // that long, the writer is told, so that a quiet moment finds everything in the file.
-    const int wait = OS_ADAPT_WaitPortOrWake(diagPort, wakeup.Fd(), unpublished ? kQuietMs : -1);
-    if (wait == 0 && unpublished != 0) {
+    const bool told = ring->writerTold();
+    const int wait = OS_ADAPT_WaitPortOrWake(diagPort, wakeup.Fd(), told ? -1 : kQuietMs);
+    if (wait == 0 && !told) {
         ring->publish();
-        unpublished = 0;
     } else if (wait == 2) {
         wakeup.Drain();
     }
@@ -142,7 +138,6 @@ void DiagService::reconnect() {
     // A start set still going out to the lost port ends at its next frame.
     ++portGeneration;
     ring->publish();
-    unpublished = 0;
     const uint64_t lostAt = GetTickMs();
     useconds_t pause = kReconnectPauseUs;
     while (pauseUnlessStopped(pause)) {
@@ -229,7 +224,8 @@ void DiagService::writeLog() {
     store.close();
     writerDone = true;
     DIAG_LOG(LOG_INFO, "capture ended: %llu bytes read from the port, %llu stored, %llu lost",
-             ull(bytesRead), ull(store.storedBytes()), ull(ring->lostBytes() + bytesDiscarded));
+             ull(ring->committedBytes() + ring->lostBytes()), ull(store.storedBytes()),
+             ull(ring->lostBytes() + bytesDiscarded));
 }
 
 bool DiagService::storeQueued(std::vector<iovec>& parts, bool draining) {
@@ -238,7 +234,6 @@ bool DiagService::storeQueued(std::vector<iovec>& parts, bool draining) {
         return onStoreFailure(draining);
     }
     ring->consume(static_cast<size_t>(written));
-    bytesTaken += static_cast<uint64_t>(written);
     if (storeFailedSince != 0) {
         const uint64_t now = GetTickMs();
         consolePrint("%sINFO: the log is stored again since %s; storing failed at %s.\n",
@@ -294,7 +289,6 @@ void DiagService::discardQueued(bool countAsLost) {
     size_t left = 0;
     while ((left = ring->peek(parts, kQueueBytes, std::chrono::milliseconds(0))) > 0) {
         ring->consume(left);
-        bytesTaken += left;
         if (countAsLost) {
             bytesDiscarded += left;
         }
@@ -326,7 +320,7 @@ void DiagService::waitUntilStored(uint64_t target, int limitMs) {
     }
     ring->wakeWriter();
     const uint64_t deadline = GetTickMs() + static_cast<uint64_t>(limitMs);
-    while (bytesTaken < target && !writerDone && GetTickMs() < deadline) {
+    while (ring->consumedBytes() < target && !writerDone && GetTickMs() < deadline) {
         usleep(2000);
         ring->wakeWriter();
     }

@@ -43,6 +43,8 @@ public:
     void drop(size_t count);
     // Lets a waiting writer take what is queued now, without waiting for more.
     void publish();
+    // Whether the writer has been told of every byte queued.
+    bool writerTold() const { return tail == notifiedAt; }
 
     // Writer side. Waits at most `timeout` for bytes, then describes up to `limit` of the
     // oldest queued bytes in `parts`; the number of bytes described (0 when none came).
@@ -56,6 +58,9 @@ public:
     std::vector<LossEpisode> takeLosses(bool closeOpen);
 
     size_t queuedBytes() const;
+    // Bytes queued, and bytes consumed, since the start.
+    uint64_t committedBytes() const { return committed.load(); }
+    uint64_t consumedBytes() const { return consumed.load(); }
     uint64_t lostBytes() const;
     uint64_t droppedEpisodes() const;
     // Blocks of memory now mapped, spares included.

@@ -174,7 +174,7 @@ void DiagService::sendStartCmds() {
 void DiagService::sendStopCmds() {
     stopRequested = true;
     // Everything read so far reaches the file before the module is told to stop.
-    waitUntilStored(bytesQueued, kStopStoreWaitMs);
+    waitUntilStored(ring ? ring->committedBytes() : 0, kStopStoreWaitMs);
     std::lock_guard<std::mutex> lock(sendLock);
     sendCmdsFromFileOrTable(kStopCmdFile, false);
 }

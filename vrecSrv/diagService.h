@@ -85,8 +85,6 @@ public:
     void writeLog();
     void resendStartCmds();
 
-    std::string nextLogItemName(const std::string& dir) { return LogStore::nextLogItemName(dir); }
-
 private:
     DiagService();
 
@@ -128,12 +126,8 @@ private:
     std::unique_ptr<CaptureRing> ring;
     LogStore store;
     std::vector<char> overflow;  // where bytes go that find the queue full
-    std::atomic<uint64_t> bytesRead{0};
-    std::atomic<uint64_t> bytesQueued{0};
-    std::atomic<uint64_t> bytesTaken{0};  // queued bytes the writer stored or gave up
     std::atomic<bool> readerDone{false};
     std::atomic<bool> writerDone{false};
-    size_t unpublished = 0;  // reader: queued bytes the writer was not told of yet
     // Writer: the storage refuses bytes since this wall-clock time (0: it does not).
     uint64_t storeFailedSince = 0;
     int stopTries = 0;
