@@ -147,21 +147,21 @@ TEST(Capture, LogHoldsExactlyWhatTheModuleSent) {
 // the start request, where it is still the cut frame the stream began with.
 TEST(Capture, LogHoldsExactlyWhatAPhoneSent) {
     testkit::isolateNetwork();
-    const std::string data = VREC_SHARED_DATA;
-    if (!testkit::fileExists(data + "/real-diag-lte.bin")) {
-        GTEST_SKIP() << data << " is absent: no phone's stream to replay";
-    }
     const struct {
-        const char* file;
+        std::string file;
         Args inspectSays;
     } kStreams[] = {
-        {"/real-diag-lte.bin", {"frames: 1809 good, 0 bad", "packets: log 1808, "}},
-        {"/real-diag-lte-gsm.bin", {"cut frame at the start: 45 bytes", "packets: log 5483, "}},
+        {std::string(VREC_SOURCE_DIR) + "/examples/real-diag-lte-gsm.bin",
+         {"cut frame at the start: 45 bytes", "packets: log 5483, "}},
+        {std::string(VREC_SHARED_DATA) + "/real-diag-lte.bin",
+         {"frames: 1809 good, 0 bad", "packets: log 1808, "}},
     };
     for (const auto& s : kStreams) {
         SCOPED_TRACE(s.file);
-        const std::string replay = data + s.file;
-        expectCapturedExactly({"--replay", replay}, testkit::readFile(replay), false,
+        if (!testkit::fileExists(s.file)) {
+            GTEST_SKIP() << s.file << " is absent: no such phone's stream to replay";
+        }
+        expectCapturedExactly({"--replay", s.file}, testkit::readFile(s.file), false,
                               s.inspectSays);
     }
 }

@@ -29,6 +29,8 @@ namespace {
 
 const std::string kDecode = testkit::builtProgram("tools/vrec-decode");
 const std::string kData = VREC_SHARED_DATA;
+// The phone's stream that ships with the project.
+const std::string kExample = std::string(VREC_SOURCE_DIR) + "/examples/real-diag-lte-gsm.bin";
 
 std::string zeros(size_t n) {
     return std::string(n, '\0');
@@ -508,9 +510,8 @@ std::map<std::string, int> tallyOfPcapng(const std::string& path) {
 }  // namespace
 
 TEST(DecodeTool, RealCapturesGiveOneRecordPerSignallingPacket) {
-    for (const char* name : {"real-diag-lte.bin", "real-diag-lte-gsm.bin"}) {
-        SCOPED_TRACE(name);
-        const std::string path = kData + "/" + name;
+    for (const std::string& path : {kExample, kData + "/real-diag-lte.bin"}) {
+        SCOPED_TRACE(path);
         if (!testkit::fileExists(path)) {
             GTEST_SKIP() << path << " is absent: the real captures are not converted";
         }
@@ -596,10 +597,7 @@ public:
 }  // namespace
 
 TEST(DecodeTool, FollowSendsEveryRecordOnceAcrossRotations) {
-    const std::string real = kData + "/real-diag-lte-gsm.bin";
-    if (!testkit::fileExists(real)) {
-        GTEST_SKIP() << real << " is absent: nothing real to replay";
-    }
+    const std::string& real = kExample;
     testkit::isolateNetwork();  // vrec's stop port
     testkit::TempDir dir;
     // 2.2 MB of a real stream: two rotations at 1 MiB items.

@@ -182,10 +182,7 @@ TEST(Inspect, VerdictsOnDamagedGappedAndReorderedStreams) {
 // same with every log packet wrapped as a multi-SIM chip sends it. The counts are those of an
 // independent tally of the file.
 TEST(Inspect, RealStreamBehindAnAnswerWrappedOrNot) {
-    const std::string path = std::string(VREC_SHARED_DATA) + "/real-diag-lte-gsm.bin";
-    if (!testkit::fileExists(path)) {
-        GTEST_SKIP() << path << " is absent: no real stream to check the verdicts on";
-    }
+    const std::string path = std::string(VREC_SOURCE_DIR) + "/examples/real-diag-lte-gsm.bin";
     const std::string real = testkit::readFile(path);
     std::string rewrapped;
     vtools::Deframer deframer;
