@@ -98,7 +98,8 @@ bool readWhole(const std::string& path, std::string* data) {
 
 }  // namespace
 
-Simulator::Simulator(SimOptions options) : opts(std::move(options)), module(opts.at) {
+Simulator::Simulator(SimOptions options)
+    : opts(std::move(options)), module(opts.at), masks(opts.logRanges) {
     module.echo = opts.echo;
     module.note = [this](const std::string& words) { event(words); };
 }
@@ -408,8 +409,13 @@ void Simulator::pump() {
             streamSlots = due == UINT64_MAX ? streamSlots : due;
             break;
         }
-        std::string bytes =
-            opts.replayPath.empty() ? frame(simLogPacket(nextSeq++)) : replayFrames[replayNext++];
+        std::string bytes;
+        if (!nextStreamFrame(&bytes)) {
+            if (!opts.replayPath.empty()) {
+                stopStream("replay end");
+            }
+            break;
+        }
         ++generated;
         streamSlots += opts.byteRate > 0 ? bytes.size() : 1;
         unflushed += bytes.size();
@@ -513,8 +519,10 @@ void Simulator::takeFrame(Port& port, const DeframeStep& step) {
         return;
     }
     record(port, "frame", hexBytes(step.packet));
+    std::string answer = diagResponse(step.packet);
+    takeMaskRequest(step.packet, &answer);
     if (opts.answerRequests) {
-        send(port, frame(diagResponse(step.packet)), false);
+        send(port, frame(answer), false);
     }
     unsigned operation = 0;
     if (logConfigOperation(step.packet, &operation)) {
@@ -577,6 +585,7 @@ void Simulator::hangup(Port& port, long downMs) {
     if (port.carriesDiag) {
         // A module that drops off the bus forgets its log configuration.
         stopStream("hangup");
+        masks.reset();
     }
     event("hangup " + port.role + " for " + std::to_string(downMs) + " ms");
 }
