@@ -61,6 +61,9 @@ bool MaskState::take(const std::string& request, std::string* answer, std::strin
             isSelective = true;
             appendLe32(*answer, kOk);
             *note = "log masks all disabled";
+        } else if (operation == 1 && !answersRanges) {
+            answer->clear();
+            *note = "log ranges asked, not answered";
         } else if (operation == 1) {
             appendLe32(*answer, kOk);
             for (const uint32_t items : ranges) {

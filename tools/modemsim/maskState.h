@@ -23,10 +23,12 @@ public:
     // Covers every code of vrec's layer table.
     static const Ranges kDefaultRanges;
 
-    explicit MaskState(const Ranges& ranges = kDefaultRanges) : ranges(ranges) {}
+    // `answerRanges` false: the request for the ranges goes unanswered.
+    explicit MaskState(const Ranges& ranges = kDefaultRanges, bool answerRanges = true)
+        : ranges(ranges), answersRanges(answerRanges) {}
 
     // Takes a request the host sent. For a mask request, `answer` becomes the module's
-    // answer and `note` says what changed; false for any other request.
+    // answer (empty: none) and `note` says what changed; false for any other request.
     bool take(const std::string& request, std::string* answer, std::string* note);
     // Forgets everything, as a module that dropped off the bus does.
     void reset();
@@ -44,6 +46,7 @@ private:
     std::string setLogMask(const std::string& request, uint32_t* status);
 
     Ranges ranges;
+    bool answersRanges = true;
     bool isSelective = false;
     std::array<std::bitset<4096>, 16> logs{};
     uint32_t messageLevels = 0;

@@ -121,7 +121,9 @@ const char* simUsage() {
            "                         those enabled: 0xB0C0,0xB0E0-0xB0E3 (default: its own\n"
            "                         code 0x1F5A)\n"
            "  --log-ranges N,...     the 16 item counts the module declares per equipment\n"
-           "                         (default 0,2042,0,0,2328,1064,0,2910,0,0,914,2464,0,519,0,0)\n"
+           "                         (default 0,2042,0,0,2328,1064,0,2910,0,0,914,2464,0,519,0,0);\n"
+           "                         a mask with a code beyond them is refused with status 2\n"
+           "  --no-ranges-answer     leave the request for the ranges unanswered\n"
            "  --drop-when-full       never wait for the host, as a USB serial driver does not:\n"
            "                         what is sent goes into the host's receive buffer, a packet\n"
            "                         or answer that does not fit whole is dropped and counted,\n"
@@ -178,6 +180,7 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
         kNoAnswers,
         kLogCodes,
         kLogRanges,
+        kNoRangesAnswer,
         kDrop,
         kFiles,
         kUpload,
@@ -206,6 +209,7 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                                    {"no-answers", no_argument, nullptr, kNoAnswers},
                                    {"log-codes", required_argument, nullptr, kLogCodes},
                                    {"log-ranges", required_argument, nullptr, kLogRanges},
+                                   {"no-ranges-answer", no_argument, nullptr, kNoRangesAnswer},
                                    {"drop-when-full", no_argument, nullptr, kDrop},
                                    {"files", required_argument, nullptr, kFiles},
                                    {"upload-dir", required_argument, nullptr, kUpload},
@@ -257,6 +261,9 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                                              : "16 item counts from 0 to 4096, comma-separated");
                     return 2;
                 }
+                break;
+            case kNoRangesAnswer:
+                options->answerRanges = false;
                 break;
             case kDrop:
                 options->dropWhenFull = true;

@@ -52,6 +52,7 @@ struct SimOptions {
     // Log codes the made-up stream draws from, those the masks enable (empty: its own one).
     std::vector<unsigned> logCodes;
     MaskState::Ranges logRanges = MaskState::kDefaultRanges;
+    bool answerRanges = true;
     AtModuleConfig at;
     bool echo = true;
     std::vector<Fault> faults;

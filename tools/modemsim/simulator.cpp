@@ -99,7 +99,7 @@ bool readWhole(const std::string& path, std::string* data) {
 }  // namespace
 
 Simulator::Simulator(SimOptions options)
-    : opts(std::move(options)), module(opts.at), masks(opts.logRanges) {
+    : opts(std::move(options)), module(opts.at), masks(opts.logRanges, opts.answerRanges) {
     module.echo = opts.echo;
     module.note = [this](const std::string& words) { event(words); };
 }
@@ -521,7 +521,7 @@ void Simulator::takeFrame(Port& port, const DeframeStep& step) {
     record(port, "frame", hexBytes(step.packet));
     std::string answer = diagResponse(step.packet);
     takeMaskRequest(step.packet, &answer);
-    if (opts.answerRequests) {
+    if (opts.answerRequests && !answer.empty()) {
         send(port, frame(answer), false);
     }
     unsigned operation = 0;
