@@ -41,9 +41,9 @@ void MaskAnswers::arm() {
     std::lock_guard<std::mutex> guard(lock);
     rangesKnown = false;
     sets.clear();
-    // The first piece may begin inside a frame: it is passed over up to the next flag.
+    // The stream may stand inside a frame: that one is passed over up to its flag.
     frame.clear();
-    skipping = true;
+    skipping = !atFrameStart;
     watching = true;
 }
 
@@ -52,6 +52,10 @@ void MaskAnswers::disarm() {
 }
 
 void MaskAnswers::feed(const char* data, size_t size) {
+    if (size == 0) {
+        return;
+    }
+    atFrameStart.store(data[size - 1] == kFlag, std::memory_order_relaxed);
     if (!armed()) {
         return;
     }

@@ -13,8 +13,8 @@
 #include "maskRequests.h"
 
 // The module's answers to the log mask requests, picked out of the stream as it is stored.
-// While nobody waits for them it costs one flag test per piece stored; once armed it looks
-// only at frames that begin with the log configuration command.
+// While nobody waits for them it costs a look at the last byte of each piece stored; once
+// armed it looks only at frames that begin with the log configuration command.
 class MaskAnswers {
 public:
     // Forgets earlier answers and starts looking; disarm() stops.
@@ -40,6 +40,8 @@ private:
     void takeFrame();
 
     std::atomic<bool> watching{false};
+    // Whether the last piece fed ended with a flag: a watch that starts then misses nothing.
+    std::atomic<bool> atFrameStart{true};
     std::mutex lock;
     std::condition_variable arrived;
     std::string frame;      // bytes since the last flag, while they may be an answer

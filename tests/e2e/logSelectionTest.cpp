@@ -45,8 +45,12 @@ std::string maskSet(uint32_t equipment, uint32_t items, const std::map<size_t, i
     }
     return packet({0x73, 0, 0, 0, 3, 0, 0, 0}) + le32(equipment) + le32(items) + mask;
 }
-std::string messages(uint32_t bits) { return packet({0x7D, 5, 0, 0}) + le32(bits); }
-std::string events(bool on) { return packet({0x60, on ? 1 : 0}); }
+std::string messages(uint32_t bits) {
+    return packet({0x7D, 5, 0, 0}) + le32(bits);
+}
+std::string events(bool on) {
+    return packet({0x60, on ? 1 : 0});
+}
 
 // The module's ranges, with equipment 11 (LTE/NR) ending after item 0x1C1.
 const Args kSmallLteRanges = {"--log-ranges", "0,2042,0,0,2328,1064,0,2910,0,0,914,450,0,519,0,0"};
@@ -73,7 +77,9 @@ TEST(LogSelection, StartSetOnTheWire) {
          {kDisableAll, kRanges, maskSet(11, 2464, {{0x18, 0x07}}), messages(0x18), events(true)},
          {"INFO: the module logs 0xB0C0-0xB0C2 (3 log codes), messages error, events on.\n"}},
         // Messages alone: no log mask is set.
-        {{}, {"--msgs", "low"}, {kDisableAll, kRanges, messages(0x1F), events(false)},
+        {{},
+         {"--msgs", "low"},
+         {kDisableAll, kRanges, messages(0x1F), events(false)},
          {"INFO: the module logs no log codes, messages low, events off.\n"}},
         // A code beyond the module's range is not asked for.
         {kSmallLteRanges,
@@ -164,10 +170,11 @@ TEST(LogSelection, ReplayedPhoneStreamKeepsOnlyTheChosenCodes) {
         } else {
             EXPECT_NE(vtools::PacketKind::kMessage, vtools::classify(p));
             rangesAnswers += p.compare(0, 12, kRanges + le32(0)) == 0 ? 1 : 0;
-            setAnswers += p.compare(0, 20, maskSet(11, 2464, {}).substr(0, 8) + le32(0) + le32(11) +
-                                               le32(2464)) == 0
-                              ? 1
-                              : 0;
+            setAnswers +=
+                p.compare(0, 20,
+                          maskSet(11, 2464, {}).substr(0, 8) + le32(0) + le32(11) + le32(2464)) == 0
+                    ? 1
+                    : 0;
         }
     }
     EXPECT_TRUE(logs == wanted) << logs.size() << " log packets stored, " << wanted.size()
@@ -232,7 +239,8 @@ TEST(LogSelection, BadValuesAreRefusedBeforeAnyByte) {
     for (const auto& c : kCases) {
         SCOPED_TRACE(testing::PrintToString(c.args));
         std::string out;
-        EXPECT_EQ(1, testkit::runToEnd(withHead({kVrec, "-d", "./diag"}, c.args), sim.path(), &out));
+        EXPECT_EQ(1,
+                  testkit::runToEnd(withHead({kVrec, "-d", "./diag"}, c.args), sim.path(), &out));
         EXPECT_NE(std::string::npos, out.find(c.says)) << out;
         EXPECT_TRUE(testkit::endsWith(out, "\nUse vrec -h to see the options.\n")) << out;
     }

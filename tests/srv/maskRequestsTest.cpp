@@ -62,9 +62,11 @@ TEST(MaskRequests, ListsTakeLayersCodesAndRangesAndNameWhatIsWrong) {
     EXPECT_FALSE(mixed.allLogs);
 
     const std::pair<const char*, const char*> kBad[] = {
-        {"lte-foo", "lte-foo"}, {"lte-rrc,0xG000", "0xG000"}, {"0x10000", "0x10000"},
-        {"0xB0C2-0xB0C0", "0xB0C2-0xB0C0"}, {"lte-rrc,", ""}, {"B0C0", "B0C0"},
-        {"0x", "0x"}, {"0xB0C0-", "0xB0C0-"}, {"LTE-RRC", "LTE-RRC"}};
+        {"lte-foo", "lte-foo"}, {"lte-rrc,0xG000", "0xG000"},
+        {"0x10000", "0x10000"}, {"0xB0C2-0xB0C0", "0xB0C2-0xB0C0"},
+        {"lte-rrc,", ""},       {"B0C0", "B0C0"},
+        {"0x", "0x"},           {"0xB0C0-", "0xB0C0-"},
+        {"LTE-RRC", "LTE-RRC"}};
     for (const auto& c : kBad) {
         masks::Selection refused;
         EXPECT_FALSE(masks::parseLogList(c.first, &refused, &bad)) << c.first;
@@ -72,8 +74,9 @@ TEST(MaskRequests, ListsTakeLayersCodesAndRangesAndNameWhatIsWrong) {
     }
 
     uint32_t bits = 99;
-    const std::pair<const char*, uint32_t> kLevels[] = {
-        {"off", 0}, {"fatal", 0x10}, {"error", 0x18}, {"high", 0x1C}, {"medium", 0x1E}, {"low", 0x1F}};
+    const std::pair<const char*, uint32_t> kLevels[] = {{"off", 0},       {"fatal", 0x10},
+                                                        {"error", 0x18},  {"high", 0x1C},
+                                                        {"medium", 0x1E}, {"low", 0x1F}};
     for (const auto& level : kLevels) {
         EXPECT_TRUE(masks::parseMsgLevel(level.first, &bits));
         EXPECT_EQ(level.second, bits) << level.first;
@@ -147,18 +150,20 @@ TEST(MaskRequests, FixedRequestsAndMaskSetsWithAndWithoutTheModulesRanges) {
 TEST(MaskRequests, MaskFilesAreFramesEndingWithTheFlag) {
     std::vector<std::string> frames;
     std::string error;
-    const std::string file = bytes({0x7E, 0x60, 0x00, 0x12, 0x6A, 0x7E, 0x1D, 0x1C, 0x3B, 0x7E, 0x7E});
+    const std::string file =
+        bytes({0x7E, 0x60, 0x00, 0x12, 0x6A, 0x7E, 0x1D, 0x1C, 0x3B, 0x7E, 0x7E});
     ASSERT_TRUE(masks::parseMaskFile(file, &frames, &error)) << error;
     EXPECT_EQ((std::vector<std::string>{file.substr(1, 5), file.substr(6, 4)}), frames);
 
     EXPECT_FALSE(masks::parseMaskFile(file + "\x60\x01", &frames, &error));
-    EXPECT_NE(std::string::npos, error.find("last 2 bytes, from offset 11 on, do not end with 0x7E"))
+    EXPECT_NE(std::string::npos,
+              error.find("last 2 bytes, from offset 11 on, do not end with 0x7E"))
         << error;
     EXPECT_FALSE(masks::parseMaskFile("", &frames, &error));
     EXPECT_FALSE(masks::parseMaskFile("\x7E\x7E", &frames, &error));
     EXPECT_NE(std::string::npos, error.find("no request")) << error;
-    EXPECT_FALSE(masks::parseMaskFile(std::string(masks::kMaxMaskFileBytes + 1, '\x7E'), &frames,
-                                      &error));
+    EXPECT_FALSE(
+        masks::parseMaskFile(std::string(masks::kMaxMaskFileBytes + 1, '\x7E'), &frames, &error));
 }
 
 // The answers are found in a stream cut anywhere, among log packets, damaged frames and
