@@ -23,21 +23,23 @@ void Simulator::takeMaskRequest(const std::string& request, std::string* answer)
     }
 }
 
-bool Simulator::nextStreamFrame(std::string* bytes) {
+bool Simulator::nextStreamFrame(std::string* bytes, size_t* size) {
     if (!opts.replayPath.empty()) {
-        while (replayNext < replayFrames.size()) {
-            const std::string& wire = replayFrames[replayNext++];
-            if (masks.selective()) {
-                // A damaged or cut frame is no packet the module has; only whole ones pass.
-                const DeframeStep step = deframe(wire.data(), wire.size(), true);
-                if (step.kind != DeframeStep::kFrame || !step.fcsOk || !masks.passes(step.packet)) {
-                    continue;
-                }
-            }
-            *bytes = wire;
-            return true;
+        if (replayNext >= replayFrames.size()) {
+            return false;
         }
-        return false;
+        const std::string& wire = replayFrames[replayNext++];
+        *size = wire.size();
+        bytes->clear();
+        if (masks.selective()) {
+            // A damaged or cut frame is no packet the module has; only whole ones pass.
+            const DeframeStep step = deframe(wire.data(), wire.size(), true);
+            if (step.kind != DeframeStep::kFrame || !step.fcsOk || !masks.passes(step.packet)) {
+                return true;
+            }
+        }
+        *bytes = wire;
+        return true;
     }
     std::string packet = simLogPacket(nextSeq);
     if (!opts.logCodes.empty()) {
@@ -52,6 +54,7 @@ bool Simulator::nextStreamFrame(std::string* bytes) {
     }
     ++nextSeq;
     *bytes = frame(packet);
+    *size = bytes->size();
     return true;
 }
 

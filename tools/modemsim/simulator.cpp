@@ -410,14 +410,18 @@ void Simulator::pump() {
             break;
         }
         std::string bytes;
-        if (!nextStreamFrame(&bytes)) {
+        size_t size = 0;
+        if (!nextStreamFrame(&bytes, &size)) {
             if (!opts.replayPath.empty()) {
                 stopStream("replay end");
             }
             break;
         }
+        streamSlots += opts.byteRate > 0 ? size : 1;
+        if (bytes.empty()) {
+            continue;  // a replayed packet the masks keep back: its time passes all the same
+        }
         ++generated;
-        streamSlots += opts.byteRate > 0 ? bytes.size() : 1;
         unflushed += bytes.size();
         // Behind flow control every packet is a write of its own; a driver's buffer fills
         // from transfers of some kilobytes and goes to the terminal in large pieces.

@@ -84,9 +84,9 @@ private:
     uint64_t streamDue() const;  // stream units (packets or bytes) the rate allows by now
     void pump();                 // generates the stream while it runs
 
-    // The next frame of the stream that the masks let through (maskedStream.cpp); false
-    // when there is none now, or the replay has ended.
-    bool nextStreamFrame(std::string* bytes);
+    // The next frame of the stream (maskedStream.cpp), of `size` bytes; empty when the
+    // masks keep a replayed one back. False when there is none now, or the replay ended.
+    bool nextStreamFrame(std::string* bytes, size_t* size);
     void takeMaskRequest(const std::string& request, std::string* answer);
 
     void startStream();
