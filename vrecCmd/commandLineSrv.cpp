@@ -262,9 +262,10 @@ void CommandLineSrv::checkOptionValues(int argc, char** argv) {
     words.push_back(nullptr);
     optind = 0;
     opterr = 0;
+    const struct option* longOptions = allLongOptions();
     int option = 0;
     bool imc = false;
-    while ((option = getopt_long(argc, words.data(), kShortOptions, allLongOptions(), nullptr)) != -1) {
+    while ((option = getopt_long(argc, words.data(), kShortOptions, longOptions, nullptr)) != -1) {
         imc = imc || option == 'i';
         if (option >= OPT_LOGS && optarg != nullptr) {
             const std::string error = takeLogOption(option, optarg, &options.selection);

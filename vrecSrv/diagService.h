@@ -114,8 +114,7 @@ private:
     void sendSelection();
     void sendSelectionLogMasks(unsigned generation);
     // False when the set is to end before the request: a stop, or the port went away.
-    bool sendSelectionRequest(const std::string& request, unsigned generation,
-                              bool framed = false);
+    bool sendSelectionRequest(const std::string& request, unsigned generation, bool framed = false);
     // The writer's hook: `count` bytes of `parts` are stored.
     void takeStoredBytes(const std::vector<iovec>& parts, size_t count);
 
@@ -136,6 +135,8 @@ private:
     int chipType = CHIP_QUALCOMM;
     masks::Selection selection;
     MaskAnswers maskAnswers;
+    // One selection set at a time: a set for a port that went away ends before the next.
+    std::mutex selectionLock;
 
     std::unique_ptr<CaptureRing> ring;
     LogStore store;

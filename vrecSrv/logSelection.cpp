@@ -91,6 +91,7 @@ bool DiagService::sendSelectionRequest(const std::string& request, unsigned gene
 
 void DiagService::sendSelection() {
     DIAG_TRACE();
+    std::lock_guard<std::mutex> one(selectionLock);
     const unsigned generation = portGeneration;
     if (selection.maskFileGiven) {
         for (const std::string& frame : selection.maskFrames) {
