@@ -396,7 +396,7 @@ void CommandLineSrv::applyFileOption(const char* name) {
 void CommandLineSrv::checkOptions() {
     if (options.selection.any() && options.mode == CAPTURE_QUALCOMM &&
         CFile::Exists("startcmd.txt")) {
-        consolePrint("WARNING: startcmd.txt is not sent: %s choose what the module logs.\n",
+        consolePrint("WARNING: startcmd.txt is not sent: what the module logs comes from %s.\n",
                      logOptionsGiven(options.selection).c_str());
     }
     if (options.cycleSize != 0 && options.mode != CAPTURE_MDON) {

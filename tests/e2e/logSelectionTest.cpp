@@ -70,7 +70,7 @@ TEST(LogSelection, StartSetOnTheWire) {
          {"--logs", "lte-rrc,nr-rrc"},
          {kDisableAll, kRanges, maskSet(11, 2464, {{0x18, 0x07}, {0x104, 0x6E}}), messages(0),
           events(false)},
-         {"WARNING: startcmd.txt is not sent: --logs choose what the module logs.\n",
+         {"WARNING: startcmd.txt is not sent: what the module logs comes from --logs.\n",
           "INFO: the module logs lte-rrc,nr-rrc (8 log codes), messages off, events off.\n"}},
         {{},
          {"--logs", "0xB0C0-0xB0C2", "--msgs", "error", "--events", "on"},
