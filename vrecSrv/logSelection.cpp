@@ -155,6 +155,8 @@ void DiagService::sendSelectionLogMasks(unsigned generation) {
                                                  : "no log codes";
     consolePrint("%sINFO: the module logs %s, messages %s, events %s.\n", kLineClear, logs.c_str(),
                  selection.msgLevelName.c_str(), selection.eventsOn ? "on" : "off");
+    DIAG_LOG(LOG_INFO, "log selection sent: %s, %zu mask sets, %s ranges", logs.c_str(),
+             sets.size(), known ? "the module's" : "guessed");
     if (!sets.empty() && !maskAnswers.waitForSetAnswers(sets.size(), kSetAnswersWaitMs, goOn)) {
         DIAG_LOG(LOG_WARN, "%zu log mask requests went out, fewer answers came", sets.size());
     }
