@@ -21,6 +21,8 @@
 #include "controlMessage.h"
 #include "diagImpl.h"
 #include "diagLog.h"
+#include "fileSystem.h"
+#include "moreOptions.h"
 #include "optionValues.h"
 #include "portMgnt.h"
 #include "textUtil.h"
@@ -41,6 +43,19 @@ const option kLongOptions[] = {
     {"total", required_argument, nullptr, 't'},    {"file", required_argument, nullptr, 'f'},
     {"unit", required_argument, nullptr, 'u'},     {"report", required_argument, nullptr, 'r'},
     {"overwrite", required_argument, nullptr, 'o'}, {nullptr, 0, nullptr, 0}};
+
+// The table above and the long options without a short letter, for the parser.
+const option* allLongOptions() {
+    static const std::vector<option> kAll = [] {
+        std::vector<option> all(std::begin(kLongOptions), std::end(kLongOptions) - 1);
+        for (const MoreOption& more : moreOptions()) {
+            all.push_back({more.name, more.hasArgument, nullptr, more.code});
+        }
+        all.push_back({nullptr, 0, nullptr, 0});
+        return all;
+    }();
+    return kAll.data();
+}
 
 const char* const kUsage[] = {
     "Usage: vrec [options]",
@@ -110,6 +125,11 @@ bool staysAlive(const CaptureOptions& options) {
     exit(1);
 }
 
+[[noreturn]] void refuseOptions(const std::string& why) {
+    consolePrint("ERROR: %s\nUse vrec -h to see the options.\n", why.c_str());
+    exit(1);
+}
+
 }  // namespace
 
 CommandLineSrv* CommandLineSrv::getInstance() {
@@ -166,7 +186,7 @@ int CommandLineSrv::run(int argc, char** argv) {
     checkOptionValues(argc, argv);
     optind = 0;  // full re-initialisation of the parser
     int option = 0;
-    while ((option = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
+    while ((option = getopt_long(argc, argv, kShortOptions, allLongOptions(), nullptr)) != -1) {
         applyOption(option, optarg);
     }
     checkOptions();
@@ -242,9 +262,17 @@ void CommandLineSrv::checkOptionValues(int argc, char** argv) {
     words.push_back(nullptr);
     optind = 0;
     opterr = 0;
+    const struct option* longOptions = allLongOptions();
     int option = 0;
-    while ((option = getopt_long(argc, words.data(), kShortOptions, kLongOptions, nullptr)) != -1) {
-        if (optarg != nullptr) {
+    bool imc = false;
+    while ((option = getopt_long(argc, words.data(), kShortOptions, longOptions, nullptr)) != -1) {
+        imc = imc || option == 'i';
+        if (option >= OPT_LOGS && optarg != nullptr) {
+            const std::string error = takeLogOption(option, optarg, &options.selection);
+            if (!error.empty()) {
+                refuseOptions(error);
+            }
+        } else if (optarg != nullptr) {
             const std::string rule = valueRule(option, optarg);
             if (!rule.empty()) {
                 refuseValue(option, optarg, rule);
@@ -252,6 +280,10 @@ void CommandLineSrv::checkOptionValues(int argc, char** argv) {
         }
     }
     opterr = 1;
+    const std::string conflict = logOptionConflict(options.selection, imc);
+    if (!conflict.empty()) {
+        refuseOptions(conflict);
+    }
 }
 
 void CommandLineSrv::applyOption(int option, const char* argument) {
@@ -362,6 +394,11 @@ void CommandLineSrv::applyFileOption(const char* name) {
 }
 
 void CommandLineSrv::checkOptions() {
+    if (options.selection.any() && options.mode == CAPTURE_QUALCOMM &&
+        CFile::Exists("startcmd.txt")) {
+        consolePrint("WARNING: startcmd.txt is not sent: what the module logs comes from %s.\n",
+                     logOptionsGiven(options.selection).c_str());
+    }
     if (options.cycleSize != 0 && options.mode != CAPTURE_MDON) {
         consolePrint("INFO:the log saving cycle is set to %d MB.\n", options.cycleSize);
     }
@@ -420,6 +457,7 @@ void CommandLineSrv::showUsage() {
     text += "Notice:\n";
     text += "1. -q or -i or -m is the master parameters, any incompatible parameters followed are "
             "simply ignored\n";
+    text += moreOptionsHelp();
     consolePrint("%s", text.c_str());
 }
 

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#include "maskRequests.h"
+
 enum CaptureMode { CAPTURE_QUALCOMM = 0, CAPTURE_MDON = 1, CAPTURE_IMC = 2 };
 
 // Where a module saves what it logs itself (`saveLocation`).
@@ -27,6 +29,8 @@ struct CaptureOptions {
     int32_t totalSize = 0;  // MB of all saving; 0 means not set
     uint32_t reportStep = 1;
     bool overwrite = true;
+    // What a Qualcomm module is to log, when the user chose it (long options).
+    masks::Selection selection;
 };
 
 // The step in bytes that a `reportStep` value means: 1 is the standard step.

@@ -233,6 +233,8 @@ bool DiagService::storeQueued(std::vector<iovec>& parts, bool draining) {
     if (written <= 0) {
         return onStoreFailure(draining);
     }
+    // Before the queue lets go of the bytes: the reader may fill their place at once.
+    takeStoredBytes(parts, static_cast<size_t>(written));
     ring->consume(static_cast<size_t>(written));
     if (storeFailedSince != 0) {
         const uint64_t now = GetTickMs();

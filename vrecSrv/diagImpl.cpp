@@ -21,6 +21,7 @@ bool DiagImpl::startLog(const CaptureOptions& options) {
         diag->setCycleSize(static_cast<uint32_t>(options.cycleSize));
         setReport(options.reportStep != 0, options.reportStep);
         diag->setOverwrite(options.overwrite);
+        diag->setSelection(options.selection);
         // The reader runs before the first command leaves, so the module's answers are logged.
         if (!PortMgnt::getInstance()->startReadDiag()) {
             return false;

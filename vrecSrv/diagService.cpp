@@ -181,6 +181,11 @@ void DiagService::sendStopCmds() {
 
 void DiagService::sendCmdsFromFileOrTable(const char* fileName, bool start) {
     DIAG_TRACE();
+    // A choice of logs made on the command line wins over a start command file.
+    if (start && selection.any()) {
+        sendSelection();
+        return;
+    }
     // A command file, where there is one, overrides the built-in sets of both chip families.
     if (CFile::Exists(fileName)) {
         sendCmdInFile(fileName, PORT_DIAG);

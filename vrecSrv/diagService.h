@@ -14,6 +14,8 @@
 #include "fileSystem.h"
 #include "jthread.h"
 #include "logStore.h"
+#include "maskAnswers.h"
+#include "maskRequests.h"
 #include "serialport.h"
 
 enum ChipType { CHIP_QUALCOMM = 0, CHIP_IMC = 1 };
@@ -53,6 +55,8 @@ public:
     // A step of 1 stands for the standard step of 1,024,000 bytes.
     void setReport(bool enabled, uint32_t step);
     void setOverwrite(bool value) { overwrite = value; }
+    // What the user chose to be logged; with a choice, it is the start set.
+    void setSelection(const masks::Selection& chosen);
 
     bool beginReadDiag(int port, const std::string& path);
     bool stopReadDiag();
@@ -106,6 +110,13 @@ private:
     // Whether a start set that began with `generation` may send its next frame.
     bool startSetGoesOn(unsigned generation) const;
     void stopThreads();
+    // The start set of a choice of logs (logSelection.cpp).
+    void sendSelection();
+    void sendSelectionLogMasks(unsigned generation);
+    // False when the set is to end before the request: a stop, or the port went away.
+    bool sendSelectionRequest(const std::string& request, unsigned generation, bool framed = false);
+    // The writer's hook: `count` bytes of `parts` are stored.
+    void takeStoredBytes(const std::vector<iovec>& parts, size_t count);
 
     // Written by the reader on a reconnect, read by senders on any thread.
     std::atomic<int> diagPort{-1};
@@ -122,6 +133,10 @@ private:
     bool overwrite = true;
     LogStore::Limits limits;
     int chipType = CHIP_QUALCOMM;
+    masks::Selection selection;
+    MaskAnswers maskAnswers;
+    // One selection set at a time: a set for a port that went away ends before the next.
+    std::mutex selectionLock;
 
     std::unique_ptr<CaptureRing> ring;
     LogStore store;

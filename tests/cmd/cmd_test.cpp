@@ -72,7 +72,17 @@ const std::string kUsage =
     "\n"
     "Notice:\n"
     "1. -q or -i or -m is the master parameters, any incompatible parameters followed are simply "
-    "ignored\n";
+    "ignored\n"
+    // The long options without a short letter, one line each.
+    "\n"
+    "More options:\n"
+    "  --logs LIST                Log only these log codes: layer names, codes (0xB0C0) and "
+    "ranges (0xB0C0-0xB0CF), comma-separated; see man vrec\n"
+    "  --msgs LEVEL               Message level for all subsystems: "
+    "off|fatal|error|high|medium|low\n"
+    "  --events on|off            Event reports on or off\n"
+    "  --mask-file FILE           Send the HDLC frames of FILE (each ending with 0x7E) as the "
+    "start set\n";
 
 // What a run printed after the banner that opens every run, with its build time ("Apr 12
 // 2014 16:49:57"); a run without it fails the test.

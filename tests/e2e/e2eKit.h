@@ -35,9 +35,10 @@ constexpr uint64_t kMiB = 1 << 20;
 // configuration operation 3 (equipment 1, items 0 to 7) starts the stream, 0 ends it.
 inline const std::string kStartRequest("\x73\0\0\0\x03\0\0\0\x01\0\0\0\x07\0\0\0\xFF", 17);
 inline const std::string kStopRequest("\x73\0\0\0\0\0\0\0", 8);
-// The module's answers: the request's header and a status of 0.
+// The module's answers: the request's header and a status of 0, and for the mask set the
+// equipment, the number of items and the mask behind.
 inline const std::string kStartAnswer =
-    vtools::frame(kStartRequest.substr(0, 8) + std::string(4, '\0'));
+    vtools::frame(kStartRequest.substr(0, 8) + std::string(4, '\0') + kStartRequest.substr(8));
 inline const std::string kStopAnswer = vtools::frame(kStopRequest + std::string(4, '\0'));
 
 inline uint64_t fileSize(const std::string& path) {

@@ -116,6 +116,15 @@ const char* simUsage() {
            "  --total N              end the stream after N packets in all (0: no end)\n"
            "  --replay FILE          send FILE's frames instead of the sequence stream\n"
            "  --no-answers           leave DIAG requests unanswered\n"
+           "Masks (once the host disables all logs, only what its masks enable streams):\n"
+           "  --log-codes LIST       log codes the made-up stream draws from, round robin over\n"
+           "                         those enabled: 0xB0C0,0xB0E0-0xB0E3 (default: its own\n"
+           "                         code 0x1F5A)\n"
+           "  --log-ranges N,...     the 16 item counts the module declares per equipment\n"
+           "                         (default "
+           "0,2042,0,0,2328,1064,0,2910,0,0,914,2464,0,519,0,0);\n"
+           "                         a mask with a code beyond them is refused with status 2\n"
+           "  --no-ranges-answer     leave the request for the ranges unanswered\n"
            "  --drop-when-full       never wait for the host, as a USB serial driver does not:\n"
            "                         what is sent goes into the host's receive buffer, a packet\n"
            "                         or answer that does not fit whole is dropped and counted,\n"
@@ -170,6 +179,9 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
         kHostBuffer,
         kReplay,
         kNoAnswers,
+        kLogCodes,
+        kLogRanges,
+        kNoRangesAnswer,
         kDrop,
         kFiles,
         kUpload,
@@ -196,6 +208,9 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                                    {"host-buffer", required_argument, nullptr, kHostBuffer},
                                    {"replay", required_argument, nullptr, kReplay},
                                    {"no-answers", no_argument, nullptr, kNoAnswers},
+                                   {"log-codes", required_argument, nullptr, kLogCodes},
+                                   {"log-ranges", required_argument, nullptr, kLogRanges},
+                                   {"no-ranges-answer", no_argument, nullptr, kNoRangesAnswer},
                                    {"drop-when-full", no_argument, nullptr, kDrop},
                                    {"files", required_argument, nullptr, kFiles},
                                    {"upload-dir", required_argument, nullptr, kUpload},
@@ -236,6 +251,20 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                 break;
             case kNoAnswers:
                 options->answerRequests = false;
+                break;
+            case kLogCodes:
+            case kLogRanges:
+                if (opt == kLogCodes ? !parseLogCodes(arg, &options->logCodes)
+                                     : !parseLogRanges(arg, &options->logRanges)) {
+                    fprintf(stderr, "vrec-modemsim: bad value %s for --%s (%s)\n", arg.c_str(),
+                            opt == kLogCodes ? "log-codes" : "log-ranges",
+                            opt == kLogCodes ? "codes and ranges such as 0xB0C0,0xB0E0-0xB0E3"
+                                             : "16 item counts from 0 to 4096, comma-separated");
+                    return 2;
+                }
+                break;
+            case kNoRangesAnswer:
+                options->answerRanges = false;
                 break;
             case kDrop:
                 options->dropWhenFull = true;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "atModule.h"
+#include "maskState.h"
 #include "sysfsTree.h"
 
 namespace vtools {
@@ -48,6 +49,10 @@ struct SimOptions {
     bool dropWhenFull = false;
     size_t hostBuffer = 640 * 1024;
     bool answerRequests = true;
+    // Log codes the made-up stream draws from, those the masks enable (empty: its own one).
+    std::vector<unsigned> logCodes;
+    MaskState::Ranges logRanges = MaskState::kDefaultRanges;
+    bool answerRanges = true;
     AtModuleConfig at;
     bool echo = true;
     std::vector<Fault> faults;

@@ -98,7 +98,8 @@ bool readWhole(const std::string& path, std::string* data) {
 
 }  // namespace
 
-Simulator::Simulator(SimOptions options) : opts(std::move(options)), module(opts.at) {
+Simulator::Simulator(SimOptions options)
+    : opts(std::move(options)), module(opts.at), masks(opts.logRanges, opts.answerRanges) {
     module.echo = opts.echo;
     module.note = [this](const std::string& words) { event(words); };
 }
@@ -408,10 +409,19 @@ void Simulator::pump() {
             streamSlots = due == UINT64_MAX ? streamSlots : due;
             break;
         }
-        std::string bytes =
-            opts.replayPath.empty() ? frame(simLogPacket(nextSeq++)) : replayFrames[replayNext++];
+        std::string bytes;
+        size_t size = 0;
+        if (!nextStreamFrame(&bytes, &size)) {
+            if (!opts.replayPath.empty()) {
+                stopStream("replay end");
+            }
+            break;
+        }
+        streamSlots += opts.byteRate > 0 ? size : 1;
+        if (bytes.empty()) {
+            continue;  // a replayed packet the masks keep back: its time passes all the same
+        }
         ++generated;
-        streamSlots += opts.byteRate > 0 ? bytes.size() : 1;
         unflushed += bytes.size();
         // Behind flow control every packet is a write of its own; a driver's buffer fills
         // from transfers of some kilobytes and goes to the terminal in large pieces.
@@ -513,8 +523,10 @@ void Simulator::takeFrame(Port& port, const DeframeStep& step) {
         return;
     }
     record(port, "frame", hexBytes(step.packet));
-    if (opts.answerRequests) {
-        send(port, frame(diagResponse(step.packet)), false);
+    std::string answer = diagResponse(step.packet);
+    takeMaskRequest(step.packet, &answer);
+    if (opts.answerRequests && !answer.empty()) {
+        send(port, frame(answer), false);
     }
     unsigned operation = 0;
     if (logConfigOperation(step.packet, &operation)) {
@@ -577,6 +589,7 @@ void Simulator::hangup(Port& port, long downMs) {
     if (port.carriesDiag) {
         // A module that drops off the bus forgets its log configuration.
         stopStream("hangup");
+        masks.reset();
     }
     event("hangup " + port.role + " for " + std::to_string(downMs) + " ms");
 }

@@ -11,6 +11,7 @@
 
 #include "atModule.h"
 #include "hdlc.h"
+#include "maskState.h"
 #include "ptyPort.h"
 #include "simOptions.h"
 
@@ -83,6 +84,11 @@ private:
     uint64_t streamDue() const;  // stream units (packets or bytes) the rate allows by now
     void pump();                 // generates the stream while it runs
 
+    // The next frame of the stream (maskedStream.cpp), of `size` bytes; empty when the
+    // masks keep a replayed one back. False when there is none now, or the replay ended.
+    bool nextStreamFrame(std::string* bytes, size_t* size);
+    void takeMaskRequest(const std::string& request, std::string* answer);
+
     void startStream();
     void stopStream(const std::string& why);
     Port* diagPort();
@@ -116,6 +122,7 @@ private:
     uint32_t nextSeq = 0;
     std::vector<std::string> replayFrames;
     size_t replayNext = 0;
+    MaskState masks;
 };
 
 }  // namespace vtools
