@@ -123,10 +123,7 @@ TEST(LogSelection, StartSetOnTheWire) {
 // capture holds exactly the phone's packets of the chosen codes, in order, and the answers.
 TEST(LogSelection, ReplayedPhoneStreamKeepsOnlyTheChosenCodes) {
     testkit::isolateNetwork();
-    const std::string replay = std::string(VREC_SHARED_DATA) + "/real-diag-lte-gsm.bin";
-    if (!testkit::fileExists(replay)) {
-        GTEST_SKIP() << VREC_SHARED_DATA << " is absent: no phone's stream to replay";
-    }
+    const std::string replay = std::string(VREC_SOURCE_DIR) + "/examples/real-diag-lte-gsm.bin";
     const std::set<unsigned> kChosen = {0xB0C0, 0xB0C1, 0xB0C2, 0xB821,
                                         0xB822, 0xB823, 0xB825, 0xB826};
     const auto packets = [](const std::string& stream) {
