@@ -13,6 +13,7 @@
 #include "hdlc.h"
 #include "ptyPort.h"
 #include "simOptions.h"
+#include "wwanFs.h"
 
 namespace vtools {
 
@@ -68,6 +69,8 @@ private:
     void event(const std::string& words);
     long elapsedMs() const;
 
+    // The ports as files of a FUSE mount that are not terminals (--wwan).
+    bool startWwan(std::string* error);
     void readPort(Port& port);
     void takeDiagBytes(Port& port);
     void takeFrame(Port& port, const DeframeStep& step);
@@ -96,6 +99,7 @@ private:
 
     SimOptions opts;
     AtModule module;
+    std::unique_ptr<WwanFs> wwan;
     std::vector<std::unique_ptr<Port>> ports;
     FILE* recordFile = nullptr;
     int controlFd = -1;
