@@ -166,8 +166,8 @@ TEST(Pcie, DiscoveryFindsTheWwanPortsAndAtWorksOnThem) {
 TEST(Pcie, AUsbModuleIsPreferred) {
     PcieHost host;
     ENTER_OR_SKIP(host);
-    testkit::ModemSim sim(host.dir.path(),
-                          {"--diag", "diag", "--pcui", "pcui", "--sysfs", host.dir.file("tree")});
+    testkit::ModemSim sim(host.dir.path(), {"--diag", "diag", "--pcui", "pcui", "--rate", "1000",
+                                            "--sysfs", host.dir.file("tree")});
     ASSERT_TRUE(sim.ready);
     for (const auto& [port, type] : {std::make_pair("wwan0qcdm0", "QCDM"), {"wwan0at0", "AT"}}) {
         const std::string at = host.dir.file(std::string("tree/sys/class/wwan/") + port);
@@ -199,7 +199,7 @@ TEST(Pcie, AUsbModuleIsPreferred) {
 TEST(Pcie, TheQualcommTableGoesOutOnTheQcdmPort) {
     PcieHost host;
     ENTER_OR_SKIP(host);
-    const auto sim = pcieModule(host, {"--diag", "diag"});
+    const auto sim = pcieModule(host, {"--diag", "diag", "--rate", "1000"});
     ASSERT_TRUE(sim->ready);
     host.linkWwanNodes();
     ASSERT_TRUE(host.mountAll());
@@ -263,7 +263,8 @@ TEST(Pcie, AHangUpBringsThePortBackUnderTheNextIndex) {
 TEST(Pcie, NamedNodesAndMhiNodes) {
     PcieHost host;
     ENTER_OR_SKIP(host);
-    const auto sim = pcieModule(host, {"--diag", "diag", "--pcui", "pcui"}, false);
+    const auto sim =
+        pcieModule(host, {"--diag", "diag", "--pcui", "pcui", "--rate", "1000"}, false);
     ASSERT_TRUE(sim->ready);
     host.linkWwanNodes();
     host.link("mhi_DIAG", host.dir.file("wwan/wwan0qcdm0"));
