@@ -129,6 +129,17 @@ TEST(Pcie, DiscoveryFindsTheWwanPortsAndAtWorksOnThem) {
     ASSERT_TRUE(sim->ready);
     host.linkWwanNodes();
     ASSERT_TRUE(host.mountAll());
+    // A start command longer than one transfer of the node goes out whole, in pieces.
+    std::string longRequest("\x4B\x12\x18\x02", 4);
+    for (int i = 0; longRequest.size() < 40000; ++i) {
+        longRequest += static_cast<char>(i * 7);
+    }
+    std::string text = "{";
+    for (const char c : diagreq::frame(longRequest)) {
+        text += "0x" + testkit::hex(std::string(1, c)) + ",";
+    }
+    testkit::writeFile(host.dir.file("startcmd.txt"),
+                       text + "}\n" + testkit::readFile(host.dir.file("startcmd.txt")));
 
     {
         Vrec vrec(host.dir.path(), {});
@@ -139,7 +150,7 @@ TEST(Pcie, DiscoveryFindsTheWwanPortsAndAtWorksOnThem) {
             waitFor([&] { return fileSize(host.dir.file("real_log.bin")) > 20000; }, 10000));
         EXPECT_EQ(1, vrec.stop());
     }
-    EXPECT_EQ(arrivals({kStartRequest, kStopRequest}), sim->arrived("diag"));
+    EXPECT_EQ(arrivals({longRequest, kStartRequest, kStopRequest}), sim->arrived("diag"));
     const std::string log = host.log();
     EXPECT_TRUE(has(log, "WWAN port wwan0qcdm0 of type QCDM, node /dev/wwan0qcdm0"));
     EXPECT_TRUE(has(log, "Diag port of a PCIe module: /dev/wwan0qcdm0 (PCIe, WWAN)"));
