@@ -4,9 +4,12 @@
 // memory of the capturing process, from a terminal fed in 64 KiB blocks and from the
 // simulator's one-write-per-packet stream; then, on storage that stalls 250 ms every second,
 // the highest rate of a module that never waits (the simulator's driver model) at which
-// nothing is lost. Not a test: it prints figures.
+// nothing is lost. The simulator's stream also comes through a PCIe module's port, its
+// WWAN stand-in (a FUSE file that is not a terminal), where libfuse3 is there.
+// Not a test: it prints figures.
 //   capture_bench [--quick] [--rounds N] [--blocks MIB] [--packets MIB]
 //                 [--rates MB,MB,...] [--seconds S] [--stall MS/EVERY] [--no-sweep]
+//                 [--no-wwan]
 #include <fcntl.h>
 #include <net/if.h>
 #include <poll.h>
@@ -62,7 +65,11 @@ struct Settings {
     long stallMs = 250;
     long everyMs = 1000;
     bool sweep = true;
+    bool wwan = true;
 };
+
+// Where a capture's stream comes from.
+enum class Source { kBlocks, kPackets, kWwanPackets };
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -234,9 +241,12 @@ pid_t startVrec(const std::string& dir, const std::string& port, const std::stri
 // The simulator, with its Diag port "diag" and control FIFO "ctl" in `dir`.
 class Sim {
 public:
-    Sim(const std::string& where, std::vector<std::string> args) : dir(where) {
+    Sim(const std::string& where, std::vector<std::string> args, bool wwan = false) : dir(where) {
         args.insert(args.begin(),
                     {kSim, "--diag", "diag", "--record", "record.txt", "--control", "ctl"});
+        if (wwan) {
+            args.insert(args.end(), {"--wwan", dir + "/wwan"});
+        }
         pid = spawn(args, dir, dir + "/sim.out");
         if (!waitFor(dir + "/sim.out", "ready\n", 5)) {
             fprintf(stderr, "the simulator did not start in %s\n", dir.c_str());
@@ -374,8 +384,9 @@ Figures measure(pid_t pid, const std::string& file, const std::string& stream, i
 
 // One pair of captures of `stream`: the plain copy and vrec, in the order `copyFirst` says,
 // each in a directory of its own, from a block source or from the simulator.
-void capturePair(const std::string& dir, const std::string& stream, uint64_t packets, bool blocks,
+void capturePair(const std::string& dir, const std::string& stream, uint64_t packets, Source from,
                  bool copyFirst, Figures* copy, Figures* vrec) {
+    const bool blocks = from == Source::kBlocks;
     for (const bool byCopy : {copyFirst, !copyFirst}) {
         const std::string where = dir + (byCopy ? "/copy" : "/vrec");
         mkdir(where.c_str(), 0755);
@@ -387,7 +398,8 @@ void capturePair(const std::string& dir, const std::string& stream, uint64_t pac
             port = source->path;
         } else {
             sim = std::make_unique<Sim>(
-                where, std::vector<std::string>{"--total", std::to_string(packets)});
+                where, std::vector<std::string>{"--total", std::to_string(packets)},
+                from == Source::kWwanPackets);
             port = sim->port();
         }
         if (byCopy) {
@@ -450,7 +462,8 @@ uint64_t meanFrameSize() {
     return mean;
 }
 
-void compare(const Settings& settings, const std::string& dir, bool blocks) {
+void compare(const Settings& settings, const std::string& dir, Source from) {
+    const bool blocks = from == Source::kBlocks;
     const uint64_t mib = blocks ? settings.blockMiB : settings.packetMiB;
     const uint64_t packets = packetsFor(mib << 20);
     const std::string stream = streamOf(packets);
@@ -459,7 +472,7 @@ void compare(const Settings& settings, const std::string& dir, bool blocks) {
     int whole[2] = {0, 0};
     for (int round = 0; round < settings.rounds; ++round) {
         Figures figures[2];
-        capturePair(dir, stream, packets, blocks, round % 2 == 0, &figures[0], &figures[1]);
+        capturePair(dir, stream, packets, from, round % 2 == 0, &figures[0], &figures[1]);
         for (int who = 0; who < 2; ++who) {
             mbps[who].push_back(figures[who].mbps);
             cpu[who].push_back(figures[who].cpuPerGiB);
@@ -469,7 +482,10 @@ void compare(const Settings& settings, const std::string& dir, bool blocks) {
     }
     char source[64];
     snprintf(source, sizeof(source), "%s (%llu MiB)",
-             blocks ? "64 KiB blocks" : "simulator packets", static_cast<unsigned long long>(mib));
+             blocks                         ? "64 KiB blocks"
+             : from == Source::kWwanPackets ? "packets, WWAN node"
+                                            : "simulator packets",
+             static_cast<unsigned long long>(mib));
     for (int who = 0; who < 2; ++who) {
         printf("%-28s %-11s %8.1f %11.2f %8.1f MiB %5d/%d\n", who == 0 ? source : "",
                who == 0 ? "plain copy" : "vrec", median(mbps[who]), median(cpu[who]),
@@ -653,6 +669,8 @@ bool parseSettings(int argc, char** argv, Settings* settings) {
             settings->seconds = 3;
         } else if (arg == "--no-sweep") {
             settings->sweep = false;
+        } else if (arg == "--no-wwan") {
+            settings->wwan = false;
         } else if (arg == "--rounds" && atoi(value) >= 1) {
             settings->rounds = atoi(argv[++i]);
         } else if (arg == "--blocks" && atoi(value) >= 1) {
@@ -675,7 +693,7 @@ bool parseSettings(int argc, char** argv, Settings* settings) {
                     "capture_bench: bad argument %s\n"
                     "usage: capture_bench [--quick] [--rounds N] [--blocks MIB] [--packets MIB]\n"
                     "                     [--rates MB,MB,...] [--seconds S] [--stall MS/EVERY]\n"
-                    "                     [--no-sweep]\n",
+                    "                     [--no-sweep] [--no-wwan]\n",
                     arg.c_str());
             return false;
         }
@@ -708,8 +726,19 @@ int main(int argc, char** argv) {
         "%-28s %-11s %8s %11s %12s %7s\n",
         settings.rounds, "source", "reader", "MB/s", "CPU s/GiB", "peak RSS", "whole");
     fflush(stdout);
-    compare(settings, dir, true);
-    compare(settings, dir, false);
+    compare(settings, dir, Source::kBlocks);
+    compare(settings, dir, Source::kPackets);
+    if (settings.wwan) {
+        const std::string probe = dir + "/probe";
+        mkdir(probe.c_str(), 0755);
+        const bool served = Sim(probe, {}, true).ready();
+        removeTree(probe);
+        if (served) {
+            compare(settings, dir, Source::kWwanPackets);
+        } else {
+            printf("packets, WWAN node: left out: the simulator cannot serve WWAN nodes here\n");
+        }
+    }
     if (settings.sweep) {
         stallSweep(settings, dir);
     }

@@ -158,12 +158,17 @@ bool DiagService::sendSingleCmd(const unsigned char* bytes, int length, int sele
         }
         handle = pcuiPort;
     }
-    if (handle != -1 && OS_ADAPT_Write(handle, bytes, length, &written) == OS_ADAPT_SUCCESS &&
-        written == length) {
-        DIAG_LOG(LOG_INFO, "write cmd Len: %d", written);
+    // A port that is not a terminal takes a long command in pieces of one transfer each.
+    int sent = 0;
+    while (handle != -1 && sent < length &&
+           OS_ADAPT_Write(handle, bytes + sent, length - sent, &written) == OS_ADAPT_SUCCESS) {
+        sent += written;
+    }
+    if (sent == length) {
+        DIAG_LOG(LOG_INFO, "write cmd Len: %d", sent);
         return true;
     }
-    DIAG_LOG(LOG_INFO, "write cmd error while written len is: %d", written);
+    DIAG_LOG(LOG_INFO, "write cmd error while written len is: %d", sent > 0 ? sent : written);
     return false;
 }
 

@@ -12,6 +12,7 @@
 #include "diagLog.h"
 #include "diagService.h"
 #include "fileSystem.h"
+#include "pcieDiscovery.h"
 #include "portDiscovery.h"
 #include "portHolders.h"
 #include "serialport.h"
@@ -20,8 +21,8 @@ namespace {
 
 PortMgnt* g_portMgnt = nullptr;
 
-const char* const kPortTypeNames[] = {"PCUI AND DIAG port", "MODEM", "NDIS_PORT",
-                                      "WIFI",               "PCUI",  "DIAG"};
+const char* const kPortTypeNames[] = {
+    "PCUI AND DIAG port", "MODEM", "NDIS_PORT", "WIFI", "PCUI", "DIAG"};
 
 bool containsAny(const std::string& name, const std::vector<std::string>& keywords) {
     for (const std::string& keyword : keywords) {
@@ -43,7 +44,8 @@ PortMgnt* PortMgnt::getInstance() {
 
 PortMgnt::PortMgnt()
     : diagKeywords{"diag", "Diag", "Application", "TAT Port"},
-      pcuiKeywords{"PC UI", " AT ", "Pcui", "pcui", "Vodafone Mobile Broadband Secondary Port Modem"},
+      pcuiKeywords{"PC UI", " AT ", "Pcui", "pcui",
+                   "Vodafone Mobile Broadband Secondary Port Modem"},
       savePath(CDirectory::GetCurrentDir()) {
     DIAG_TRACE();
 }
@@ -201,8 +203,26 @@ bool PortMgnt::openPort(const std::string& name) {
 
 bool PortMgnt::openPcuiPort() {
     std::lock_guard<std::recursive_mutex> lock(handleLock);
-    return givenPcuiName.empty() ? openPort(getPcuiPortName())
-                                 : openPcuiPortByName(givenPcuiName.c_str());
+    if (!givenPcuiName.empty()) {
+        return openPcuiPortByName(givenPcuiName.c_str());
+    }
+    const std::string name = getPcuiPortName();
+    if (!openPort(name)) {
+        return false;
+    }
+    announcePort(name == diagPortName ? "Diag" : "PCUI", name);
+    return true;
+}
+
+void PortMgnt::announcePort(const char* side, const std::string& name) {
+    std::string& last = strcmp(side, "Diag") == 0 ? announcedDiag : announcedPcui;
+    if (name.empty() || name == last) {
+        return;
+    }
+    last = name;
+    const char* attachment = discovery::PortAttachment(name);
+    DIAG_LOG(LOG_INFO, "%s port in use: %s (%s)", side, name.c_str(), attachment);
+    consolePrint("%sINFO: %s port %s (%s).\n", kLineClear, side, name.c_str(), attachment);
 }
 
 bool PortMgnt::openDiagPortByName(const char* name) {
@@ -219,6 +239,8 @@ bool PortMgnt::openDiagPortByName(const char* name) {
         pcuiAsDiag = true;
     }
     diagPortName = name;
+    givenDiagName = name;
+    announcedDiag = name;  // the user named it
     return true;
 }
 
@@ -235,31 +257,40 @@ bool PortMgnt::openPcuiPortByName(const char* name) {
     pcuiAsDiag = false;
     pcuiPortName = name;
     givenPcuiName = name;
+    announcedPcui = name;  // the user named it
     return true;
 }
 
-int PortMgnt::regain(int& handle, const std::string& storedName, std::string (PortMgnt::*find)(),
-                     const char* side) {
+int PortMgnt::regain(int& handle, std::string& storedName, const std::string& givenName,
+                     std::string (PortMgnt::*find)(), const char* side) {
     std::lock_guard<std::recursive_mutex> lock(handleLock);
     releaseHandle(handle);
-    // A stored name is used as it is, without a new walk of sysfs.
-    const std::string name = storedName.empty() ? (this->*find)() : storedName;
+    // A stored name is used as it is, without a new walk of sysfs; but a PCIe module comes
+    // back from a reset under the next index (wwan1qcdm0), so a PCIe port that discovery
+    // found is looked for again. A port named on the command line is waited for by name.
+    std::string name = storedName.empty() ? givenName : storedName;
+    const bool rediscover = name.empty() || (name != givenName && discovery::IsPcieNodeName(name));
+    if (rediscover) {
+        name = (this->*find)();
+    }
     if (name.empty() || !openInto(name, handle)) {
         DIAG_LOG(LOG_INFO, "Regain %s port error", side);
         return -1;
     }
     DIAG_LOG(LOG_INFO, "Regain %s port success", side);
+    if (rediscover && discovery::IsPcieNodeName(name)) {
+        storedName = name;
+    }
+    announcePort(strcmp(side, "Diag") == 0 ? "Diag" : "PCUI", name);
     return handle;
 }
 
 int PortMgnt::regainDiagPort() {
-    return regain(diagPort, diagPortName, &PortMgnt::getDiagPortName, "Diag");
+    return regain(diagPort, diagPortName, givenDiagName, &PortMgnt::getDiagPortName, "Diag");
 }
 
 int PortMgnt::regainPcuiPort() {
-    std::lock_guard<std::recursive_mutex> lock(handleLock);
-    return regain(pcuiPort, pcuiPortName.empty() ? givenPcuiName : pcuiPortName,
-                  &PortMgnt::getPcuiPortName, "Pcui");
+    return regain(pcuiPort, pcuiPortName, givenPcuiName, &PortMgnt::getPcuiPortName, "Pcui");
 }
 
 int PortMgnt::getDiagHandle() {
@@ -306,6 +337,7 @@ bool PortMgnt::startReadDiag() {
                     return false;
                 }
                 diagPortName = name;
+                announcePort("Diag", name);
             }
         }
         handle = diagPort;
@@ -343,6 +375,7 @@ bool PortMgnt::stopReadDiag() {
     }
     releaseHandle(diagPort);
     diagPortName.clear();
+    givenDiagName.clear();
     return true;
 }
 
@@ -353,6 +386,7 @@ bool PortMgnt::closeDiagPort() {
     std::lock_guard<std::recursive_mutex> lock(handleLock);
     releaseHandle(diagPort);
     diagPortName.clear();
+    givenDiagName.clear();
     DIAG_LOG(LOG_INFO, "Diag port close succeed.");
     return true;
 }

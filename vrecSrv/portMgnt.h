@@ -70,8 +70,10 @@ private:
     // A fresh walk of sysfs, with its log line when nothing was found.
     std::list<std::string> discoveredPorts();
     bool openInto(const std::string& name, int& handle);
-    int regain(int& handle, const std::string& storedName, std::string (PortMgnt::*find)(),
-               const char* side);
+    int regain(int& handle, std::string& storedName, const std::string& givenName,
+               std::string (PortMgnt::*find)(), const char* side);
+    // Tells the user which port a side uses, once for each new name.
+    void announcePort(const char* side, const std::string& name);
     // Closes a handle once, also where both sides share the descriptor.
     void releaseHandle(int& handle);
     // Names, once each, the other processes that have the port open: they would take bytes
@@ -86,6 +88,11 @@ private:
     // The PCUI port named with -p: a closed PCUI port is opened again by this name, which
     // discovery may never find.
     std::string givenPcuiName;
+    // The Diag port named with -d: waited for by this name when it is lost.
+    std::string givenDiagName;
+    // The port each side was last announced with.
+    std::string announcedDiag;
+    std::string announcedPcui;
     int diagPort = -1;
     int pcuiPort = -1;
     bool pcuiAsDiag = false;

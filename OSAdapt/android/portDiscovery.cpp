@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "diagLog.h"
+#include "pcieDiscovery.h"
 #include "serialport.h"
 
 namespace {
@@ -101,7 +102,13 @@ int interfaceTypeByTable(const std::string& modalias, const std::string& number)
 
 }  // namespace
 
-void OS_ADAPT_SetSysfsRoot(const std::string& root) { g_sysfsRoot = root; }
+void OS_ADAPT_SetSysfsRoot(const std::string& root) {
+    g_sysfsRoot = root;
+}
+
+std::string OS_ADAPT_GetSysfsRoot() {
+    return g_sysfsRoot;
+}
 
 namespace discovery {
 
@@ -214,7 +221,8 @@ void EnumAllPortsByDir(PortRecordList* list, const std::string& dirPath) {
         if (fgets(line, sizeof(line), modaliasFile) != nullptr) {
             DIAG_LOG(LOG_INFO, "Get VID: %s\n", line);
             const std::string modalias = line;
-            const bool supported = contains(modalias, kVendors[0]) || contains(modalias, kVendors[1]);
+            const bool supported =
+                contains(modalias, kVendors[0]) || contains(modalias, kVendors[1]);
             if (supported &&
                 MactchInterfaceNumber(dirPath, modalias, name, &list->records[list->count])) {
                 ++list->count;
@@ -237,15 +245,20 @@ void EnumAllPorts(PortRecordList* list) {
 int OS_ADAPT_EnumPorts(int /*reserved*/, DevicePortInfo* info) {
     PortRecordList list{};
     discovery::EnumAllPorts(&list);
-    if (list.count == 0 || info == nullptr) {
+    if (info == nullptr) {
         return OS_ADAPT_SUCCESS;
     }
-    info->deviceCount = 1;
-    DeviceEntry& device = info->devices[0];
-    device.portCount = list.count;
-    for (int i = 0; i < list.count; ++i) {
-        snprintf(device.ports[i].name, sizeof(device.ports[i].name), "%s", list.records[i].name);
-        device.ports[i].type = discovery::interfaceToPortType(list.records[i].type);
+    if (list.count > 0) {
+        info->deviceCount = 1;
+        DeviceEntry& device = info->devices[0];
+        device.portCount = list.count;
+        for (int i = 0; i < list.count; ++i) {
+            snprintf(device.ports[i].name, sizeof(device.ports[i].name), "%s",
+                     list.records[i].name);
+            device.ports[i].type = discovery::interfaceToPortType(list.records[i].type);
+        }
     }
+    // A role the USB walk found no port for is looked for among PCIe modules' ports.
+    discovery::AppendPciePorts(info);
     return OS_ADAPT_SUCCESS;
 }

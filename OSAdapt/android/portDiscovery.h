@@ -49,12 +49,15 @@ struct DevicePortInfo {
 };
 
 // Walks sysfs for the interfaces of supported modules. `reserved` is unused (pass 0).
-// Always succeeds; no module means a deviceCount of 0.
+// Always succeeds; no module means a deviceCount of 0. A role that no USB interface has
+// is then looked for among the ports of PCIe modules (pcieDiscovery.h).
 int OS_ADAPT_EnumPorts(int reserved, DevicePortInfo* info);
 
 // Puts a prefix in front of the sysfs paths that discovery walks, so a fake tree can
 // stand in for the kernel's. Empty means the real /sys.
+// The same prefix is put in front of the /dev nodes whose existence discovery tests.
 void OS_ADAPT_SetSysfsRoot(const std::string& root);
+std::string OS_ADAPT_GetSysfsRoot();
 
 // The walk's steps, reachable for tests on fake trees.
 namespace discovery {

@@ -3,8 +3,13 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <mutex>
 
 #include "diagLog.h"
 
@@ -16,6 +21,40 @@ int sysOpen(const char* path, int flags) {
 
 const SerialSysCalls kRealCalls = {sysOpen, ::close, ::read, ::write, ::poll};
 SerialSysCalls g_calls = kRealCalls;
+
+// The most one write may carry on each open port that is not a terminal, by descriptor. A
+// port without an entry takes any length.
+std::mutex g_limitLock;
+std::map<int, size_t> g_writeLimits;
+
+size_t writeLimit(int fd) {
+    std::lock_guard<std::mutex> lock(g_limitLock);
+    const auto it = g_writeLimits.find(fd);
+    return it == g_writeLimits.end() ? 0 : it->second;
+}
+
+void setWriteLimit(int fd, size_t limit) {
+    std::lock_guard<std::mutex> lock(g_limitLock);
+    if (limit == 0) {
+        g_writeLimits.erase(fd);
+    } else {
+        g_writeLimits[fd] = limit;
+    }
+}
+
+// A node that passes a stream without being a terminal: a character device (a WWAN or MHI
+// port), a pipe or socket, or a file that cannot seek (a stand-in served by a file system).
+// A plain file is none of these.
+bool isStreamNode(int fd) {
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        return false;
+    }
+    if (S_ISCHR(st.st_mode) || S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode)) {
+        return true;
+    }
+    return S_ISREG(st.st_mode) && lseek(fd, 0, SEEK_CUR) == -1 && errno == ESPIPE;
+}
 
 CSerialPort& serialPort() {
     static CSerialPort port;
@@ -65,16 +104,32 @@ int CSerialPort::Open(const char* path, int* handle) {
         }
         return OS_ADAPT_FAILED;
     }
-    if (!configureRaw(fd)) {
+    setWriteLimit(fd, 0);
+    if (isatty(fd)) {
+        if (!configureRaw(fd)) {
+            g_calls.close(fd);
+            *handle = -1;
+            return OS_ADAPT_FAILED;
+        }
+        return OS_ADAPT_SUCCESS;
+    }
+    // A port that is not a terminal (a PCIe module's WWAN or MHI node) refuses terminal
+    // settings: it is used as it is, and its writes are kept to what one transfer takes.
+    if (!isStreamNode(fd)) {
         g_calls.close(fd);
         *handle = -1;
         return OS_ADAPT_FAILED;
     }
+    DIAG_LOG(LOG_INFO,
+             "%s is not a terminal: used without terminal settings, writes of at most %d bytes",
+             path, kNodeWriteBytes);
+    setWriteLimit(fd, kNodeWriteBytes);
     return OS_ADAPT_SUCCESS;
 }
 
 int CSerialPort::Close(int handle) {
     if (handle != -1) {
+        setWriteLimit(handle, 0);
         g_calls.close(handle);
     }
     return OS_ADAPT_SUCCESS;
@@ -103,7 +158,17 @@ int CSerialPort::Read(int handle, void* buffer, int length, int* count) {
 int CSerialPort::Write(int handle, const void* buffer, int length, int* count) {
     int result = -1;
     if (handle != -1 && buffer != nullptr && length > 0) {
-        result = static_cast<int>(g_calls.write(handle, buffer, static_cast<size_t>(length)));
+        const size_t limit = writeLimit(handle);
+        size_t size = static_cast<size_t>(length);
+        size = limit != 0 ? std::min(size, limit) : size;
+        result = static_cast<int>(g_calls.write(handle, buffer, size));
+        // A node that takes less in one transfer than was thought: halves until it fits,
+        // and the port keeps the size that fitted. The caller sends the rest.
+        while (result < 0 && errno == EMSGSIZE && size > kSmallestWriteBytes) {
+            size = std::max(size / 2, kSmallestWriteBytes);
+            setWriteLimit(handle, size);
+            result = static_cast<int>(g_calls.write(handle, buffer, size));
+        }
     }
     if (count != nullptr) {
         *count = result;
@@ -165,6 +230,12 @@ int OS_ADAPT_WaitPortOrWake(int handle, int wakeFd, int timeoutMs) {
     }
     if (count == 2 && pfds[1].revents != 0) {
         return 2;
+    }
+    // Hung up or gone, with nothing left to read: the port is lost.
+    if ((pfds[0].revents & POLLIN) == 0 &&
+        (pfds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
+        errno = ENODEV;
+        return -1;
     }
     return 1;
 }

@@ -4,10 +4,17 @@
 #include <poll.h>
 #include <sys/types.h>
 
+#include <cstddef>
+
 // Status of the serial operations; for read and write, success means at least one byte
 // moved.
 constexpr int OS_ADAPT_SUCCESS = 30000;
 constexpr int OS_ADAPT_FAILED = 30001;
+
+// A port that is not a terminal takes at most this much in one write (a WWAN port refuses
+// more than one transfer); a node that refuses that too gets halves, down to the second.
+constexpr int kNodeWriteBytes = 32 * 1024;
+constexpr size_t kSmallestWriteBytes = 512;
 
 // The serial side of the platform: a port travels as its file descriptor, -1 for none.
 class CSerialPort {
@@ -20,11 +27,15 @@ public:
     int Write(int handle, const void* buffer, int length, int* count);
 };
 
+// A terminal is made raw at 115200 baud; a node that is not one but passes a stream (the
+// character devices of PCIe modules) is opened as it is, with no terminal settings.
 int OS_ADAPT_Open(const char* path, int* handle);
 int OS_ADAPT_Close(int handle);
 // Waits without limit until data or a hang-up is there, then reads once. A null buffer or
 // a length of 0 asks for the number of bytes waiting instead.
 int OS_ADAPT_Read(int handle, void* buffer, int length, int* count);
+// One write; on a port that is not a terminal at most as much as one transfer takes, so the
+// count may be short and the caller sends the rest.
 int OS_ADAPT_Write(int handle, const void* buffer, int length, int* count);
 
 // The system calls the serial layer makes, gathered in one place so that tests can inject
@@ -51,7 +62,8 @@ int OS_ADAPT_ReadNow(int handle, void* buffer, int length, int* count);
 
 // Waits until the port has data or was hung up, or until `wakeFd` becomes readable, at most
 // `timeoutMs` (-1: without limit). 1: the port is ready; 2: woken; 0: the time ran out;
-// -1: a bad handle or a failed wait.
+// -1: a bad handle, a failed wait, or a port that is lost (hung up or in error with nothing
+// left to read, errno ENODEV).
 int OS_ADAPT_WaitPortOrWake(int handle, int wakeFd, int timeoutMs = -1);
 
 // A pipe that lets one thread wake another that waits on a port, so that a stop does not

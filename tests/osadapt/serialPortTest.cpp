@@ -3,11 +3,13 @@
 #include <errno.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "diagLog.h"
 #include "serialport.h"
@@ -175,5 +177,113 @@ TEST_F(SerialPort, FailureStatuses) {
             << (write ? "write " : "read ") << answer;
         EXPECT_EQ(count, answer);
         EXPECT_EQ(g_calls, 1);
+    }
+}
+
+namespace {
+
+// The sizes the injected write was asked for; it refuses anything above `g_takes` as a WWAN
+// port refuses more than one transfer.
+std::vector<size_t> g_asked;
+size_t g_takes = 0;
+ssize_t boundedWrite(int, const void*, size_t length) {
+    g_asked.push_back(length);
+    if (length > g_takes) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    return static_cast<ssize_t>(length);
+}
+
+}  // namespace
+
+// A node that is not a terminal but passes a stream (here a FIFO, as a WWAN port would)
+// opens without terminal settings; a plain file still does not open.
+TEST_F(SerialPort, NodesThatAreNoTerminalsOpenAsTheyAre) {
+    const std::string fifo = dir.file("wwan0qcdm0");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    int handle = -1;
+    ASSERT_EQ(OS_ADAPT_Open(fifo.c_str(), &handle), OS_ADAPT_SUCCESS);
+    EXPECT_NE(log().find(fifo + " is not a terminal"), std::string::npos);
+    const int descriptors = testkit::openDescriptorCount() - 1;  // the log's stays open
+    int count = 0;
+    EXPECT_EQ(OS_ADAPT_Write(handle, "\x1d\x1c\x3b\x7e", 4, &count), OS_ADAPT_SUCCESS);
+    EXPECT_EQ(count, 4);
+    EXPECT_EQ(OS_ADAPT_WaitPortOrWake(handle, -1, 2000), 1);
+    char buffer[16];
+    EXPECT_EQ(OS_ADAPT_Read(handle, buffer, sizeof(buffer), &count), OS_ADAPT_SUCCESS);
+    EXPECT_EQ(hex(std::string(buffer, static_cast<size_t>(count))), "1D 1C 3B 7E");
+    EXPECT_EQ(OS_ADAPT_Close(handle), OS_ADAPT_SUCCESS);
+    EXPECT_EQ(testkit::openDescriptorCount(), descriptors);
+
+    testkit::writeFile(dir.file("plain"), "not a port");
+    EXPECT_EQ(OS_ADAPT_Open(dir.file("plain").c_str(), &handle), OS_ADAPT_FAILED);
+    EXPECT_EQ(handle, -1);
+    EXPECT_EQ(testkit::openDescriptorCount(), descriptors);
+}
+
+// Writes to such a node go in pieces of one transfer; a node that takes less than that
+// gets halves, and its port keeps the size that went through. A terminal is not cut.
+TEST_F(SerialPort, WritesToANodeAreKeptToWhatOneTransferTakes) {
+    const std::string fifo = dir.file("mhi_DUN");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    int node = -1;
+    ASSERT_EQ(OS_ADAPT_Open(fifo.c_str(), &node), OS_ADAPT_SUCCESS);
+    testkit::Pty pty;
+    int tty = -1;
+    ASSERT_EQ(OS_ADAPT_Open(pty.slaveName().c_str(), &tty), OS_ADAPT_SUCCESS);
+    serialSysCalls().write = boundedWrite;
+    const std::string big(100000, 'x');
+    int count = 0;
+    // Rows: the node's transfer size, then the sizes each of two writes asks for.
+    const std::tuple<size_t, std::vector<size_t>, std::vector<size_t>> cases[] = {
+        {32768, {32768}, {32768}},
+        {20000, {16384}, {16384}},  // 32768 refused, 16384 taken and kept
+        {600, {1024, 512}, {512}},  // halved to the smallest size, no further
+    };
+    for (const auto& [takes, first, second] : cases) {
+        SCOPED_TRACE(takes);
+        g_takes = takes;
+        for (const auto& expected : {first, second}) {
+            g_asked.clear();
+            EXPECT_EQ(OS_ADAPT_Write(node, big.data(), static_cast<int>(big.size()), &count),
+                      OS_ADAPT_SUCCESS);
+            EXPECT_EQ(static_cast<size_t>(count), expected.back());
+            EXPECT_EQ(std::vector<size_t>(g_asked.end() - static_cast<long>(expected.size()),
+                                          g_asked.end()),
+                      expected);
+        }
+        OS_ADAPT_Close(node);  // a port opened anew starts again at one transfer
+        ASSERT_EQ(OS_ADAPT_Open(fifo.c_str(), &node), OS_ADAPT_SUCCESS);
+    }
+    g_takes = big.size();
+    g_asked.clear();
+    EXPECT_EQ(OS_ADAPT_Write(tty, big.data(), static_cast<int>(big.size()), &count),
+              OS_ADAPT_SUCCESS);
+    EXPECT_EQ(g_asked, std::vector<size_t>{big.size()});
+    g_takes = 10;
+    EXPECT_EQ(OS_ADAPT_Write(node, "0123456789", 10, &count), OS_ADAPT_SUCCESS);
+    EXPECT_EQ(count, 10);
+    resetSerialSysCalls();
+    OS_ADAPT_Close(node);
+    OS_ADAPT_Close(tty);
+}
+
+// A port that hung up or is in error, with nothing left to read, is reported lost by the
+// wait at once; with bytes left, they are read first. Rows: what poll reports, the wait.
+TEST_F(SerialPort, AHungUpPortIsLostToTheWait) {
+    static short reported = 0;
+    serialSysCalls().poll = [](pollfd* fds, nfds_t, int) {
+        fds[0].revents = reported;
+        return 1;
+    };
+    const std::pair<short, int> cases[] = {{POLLHUP | POLLERR, -1}, {POLLHUP, -1},
+                                           {POLLERR, -1},           {POLLNVAL, -1},
+                                           {POLLIN | POLLHUP, 1},   {POLLIN, 1}};
+    for (const auto& [events, wait] : cases) {
+        reported = events;
+        errno = 0;
+        EXPECT_EQ(OS_ADAPT_WaitPortOrWake(42, -1, 0), wait) << events;
+        EXPECT_EQ(errno, wait == -1 ? ENODEV : 0) << events;
     }
 }

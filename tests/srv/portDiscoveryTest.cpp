@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
 #include <string>
 
@@ -97,6 +98,47 @@ TEST_F(PortDiscoveryTest, PortTypesAndTheSixteenRecordLimit) {
     }
     EXPECT_EQ(static_cast<size_t>(kMaxPortRecords), walk(sysfs.optionDir()).size());
     EXPECT_EQ(16u, enumeratedPorts().size());
+}
+
+// PCIe ports stand in for the roles that USB interfaces leave empty: WWAN ports by type and
+// name order, else the MHI nodes that exist; each find named in the log.
+TEST_F(PortDiscoveryTest, PciePortsFillTheRolesTheUsbWalkLeftEmpty) {
+    const FakeSysfs sysfs;
+    EXPECT_EQ(Ports{}, enumeratedPorts());
+    std::filesystem::create_directories(sysfs.at("/dev"));
+    testkit::writeFile(sysfs.at("/dev/mhi_DUN"), "");
+    EXPECT_EQ((Ports{{"/dev/mhi_DUN", PORT_TYPE_PCUI}}), enumeratedPorts());
+    testkit::writeFile(sysfs.at("/dev/mhi_DIAG"), "");
+    EXPECT_EQ((Ports{{"/dev/mhi_DIAG", PORT_TYPE_DIAG}, {"/dev/mhi_DUN", PORT_TYPE_PCUI}}),
+              enumeratedPorts());
+
+    const std::pair<const char*, const char*> wwan[] = {{"wwan0", ""},
+                                                        {"wwan0mbim0", "MBIM"},
+                                                        {"wwan0at1", "AT"},
+                                                        {"wwan0at0", "AT"},
+                                                        {"wwan0qcdm0", "QCDM"},
+                                                        {"wwan1qcdm0", "QCDM"},
+                                                        {"wwan0firehose0", "FIREHOSE"}};
+    for (const auto& [port, type] : wwan) {
+        const std::string dir = sysfs.at("/sys/class/wwan/") + port;
+        std::filesystem::create_directories(dir);
+        if (*type != '\0') {
+            testkit::writeFile(dir + "/type", std::string(type) + "\n");
+        }
+    }
+    EXPECT_EQ((Ports{{"/dev/wwan0qcdm0", PORT_TYPE_DIAG}, {"/dev/wwan0at0", PORT_TYPE_PCUI}}),
+              enumeratedPorts());
+    EXPECT_EQ(1, logCount("WWAN port wwan0at1 of type AT, node /dev/wwan0at1"));
+    EXPECT_EQ(1, logCount("PCUI port of a PCIe module: /dev/wwan0at0 (PCIe, WWAN)"));
+
+    // A USB module's Diag port keeps its role; the PCUI role still comes from PCIe.
+    sysfs.add({"1-1:1.3", "03", "ttyUSB3"});
+    EXPECT_EQ((Ports{{"/dev/ttyUSB3", PORT_TYPE_DIAG}, {"/dev/wwan0at0", PORT_TYPE_PCUI}}),
+              enumeratedPorts());
+    sysfs.add({"1-1:1.2", "02", "ttyUSB2"});
+    EXPECT_EQ((Ports{{"/dev/ttyUSB3", PORT_TYPE_DIAG}, {"/dev/ttyUSB2", PORT_TYPE_PCUI}}),
+              enumeratedPorts());
+    EXPECT_EQ(2, logCount("Diag port of a PCIe module"));
 }
 
 }  // namespace

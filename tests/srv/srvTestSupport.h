@@ -61,6 +61,8 @@ public:
     FakeSysfs() { OS_ADAPT_SetSysfsRoot(root.path()); }
     std::string optionDir() const { return root.path() + "/sys/bus/usb/drivers/option"; }
     std::string devicesDir() const { return root.path() + "/sys/bus/usb/devices"; }
+    // A path under the fake root: "/sys/class/wwan", "/dev/mhi_DIAG".
+    std::string at(const std::string& path) const { return root.path() + path; }
     void add(const UsbInterface& usb) const { add(optionDir(), usb); }
     void add(const std::string& dir, const UsbInterface& usb) const {
         const std::string at = dir + "/" + usb.name;

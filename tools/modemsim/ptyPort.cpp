@@ -21,6 +21,10 @@ std::string failure(const char* what, const std::string& path) {
 
 bool PtyPort::open(const std::string& link, std::string* error) {
     close();
+    if (wwan != nullptr) {
+        master = wwan->attach(wwanKind, &slaveName, error);
+        return master != -1 && pointLink(link, error);
+    }
     master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (master == -1) {
         *error = failure("posix_openpt", "/dev/ptmx");
@@ -49,7 +53,10 @@ bool PtyPort::open(const std::string& link, std::string* error) {
     cfsetospeed(&tio, B115200);
     tcsetattr(slaveHold, TCSANOW, &tio);
     fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
+    return pointLink(link, error);
+}
 
+bool PtyPort::pointLink(const std::string& link, std::string* error) {
     // Point the link at the terminal in one step, so that a host never sees it missing
     // while an old one is replaced.
     const std::string temporary = link + ".new";
@@ -75,6 +82,9 @@ void PtyPort::close() {
         slaveHold = -1;
     }
     if (master != -1) {
+        if (wwan != nullptr) {
+            wwan->lose(wwanKind);
+        }
         ::close(master);
         master = -1;
     }

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "wwanFs.h"
+
 namespace vtools {
 
 // One port of the simulated module: the master end of a pseudo-terminal, with a symbolic
@@ -16,6 +18,12 @@ public:
 
     // Makes the terminal and points `link` at it. False, with the reason in `error`.
     bool open(const std::string& link, std::string* error);
+    // From now on the port is a file of `fs` that is not a terminal, not a pseudo-terminal;
+    // closing it is a loss of the port there.
+    void serveThrough(WwanFs* fs, WwanFs::Kind kind) {
+        wwan = fs;
+        wwanKind = kind;
+    }
     // Closes both ends and takes the link away, as when a module drops off the bus: a host
     // that holds the terminal end gets a hang-up.
     void close();
@@ -25,12 +33,16 @@ public:
     const std::string& link() const { return linkPath; }
 
 private:
+    bool pointLink(const std::string& link, std::string* error);
+
     int master = -1;
     // Held open by the simulator itself, so that the master does not report a hang-up
     // while no host has the port open and bytes can wait for the host as on a real port.
     int slaveHold = -1;
     std::string slaveName;
     std::string linkPath;
+    WwanFs* wwan = nullptr;
+    WwanFs::Kind wwanKind = WwanFs::kQcdm;
 };
 
 }  // namespace vtools

@@ -108,6 +108,10 @@ const char* simUsage() {
            "  --pcui PATH            PCUI port: AT commands\n"
            "  --port PATH            one port for both: AT commands in tunnel frames\n"
            "                         (4B C9 E8 FF id len16 text), answered in tunnel frames\n"
+           "  --wwan DIR             the ports as a PCIe module's, not terminals: files\n"
+           "                         wwan0qcdm0 (Diag, or --port) and wwan0at0 (PCUI) in a FUSE\n"
+           "                         mount at DIR that the links point at; a hang-up of every\n"
+           "                         port brings them back as wwan1...; terminal settings fail\n"
            "Diag stream (starts with log configuration operation 3 or at+trace=1, ends with\n"
            "operation 0 or at+trace=0):\n"
            "  --rate N               log packets per second (0, default: as fast as the host\n"
@@ -155,7 +159,8 @@ const char* simUsage() {
            "                         rsfr-stop=N       a file transfer fails after N pieces\n"
            "                         Numeric faults take \"@MS\" to wait MS after the start.\n"
            "Discovery:\n"
-           "  --sysfs DIR            write DIR/sys/bus/usb/... for the module (alone: then exit)\n"
+           "  --sysfs DIR            write DIR/sys/bus/usb/... for the module (alone: then exit);\n"
+           "                         with --wwan DIR/sys/class/wwan instead, kept up to date\n"
            "  --product PID          product ID in modalias (default F001)\n"
            "  --protocol-roles       interfaces state their role in bInterfaceProtocol\n"
            "                         (default FF: the interface number decides)\n"
@@ -196,6 +201,7 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
         kProduct,
         kProtocol,
         kTtyBase,
+        kWwan,
         kHelp,
         kVersion
     };
@@ -222,6 +228,7 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                                    {"control", required_argument, nullptr, kControl},
                                    {"fault", required_argument, nullptr, kFault},
                                    {"sysfs", required_argument, nullptr, kSysfs},
+                                   {"wwan", required_argument, nullptr, kWwan},
                                    {"product", required_argument, nullptr, kProduct},
                                    {"protocol-roles", no_argument, nullptr, kProtocol},
                                    {"tty-base", required_argument, nullptr, kTtyBase},
@@ -286,6 +293,9 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                 break;
             case kSysfs:
                 options->sysfsRoot = arg;
+                break;
+            case kWwan:
+                options->wwanDir = arg;
                 break;
             case kProduct:
                 options->sysfs.product = arg;

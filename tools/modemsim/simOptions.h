@@ -40,6 +40,7 @@ struct SimOptions {
     std::string controlPath;
     std::string replayPath;
     std::string sysfsRoot;
+    std::string wwanDir;  // ports served as WWAN nodes in a FUSE mount there
     SysfsModule sysfs;
     long rate = 0;      // stream packets per second; 0: as fast as the host takes them
     long byteRate = 0;  // stream bytes per second instead (framed), 0: by `rate`

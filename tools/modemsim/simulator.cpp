@@ -108,6 +108,7 @@ Simulator::~Simulator() {
     for (auto& port : ports) {
         port->pty.close();
     }
+    wwan.reset();
     if (recordFile != nullptr) {
         fclose(recordFile);
     }
@@ -143,7 +144,8 @@ void Simulator::event(const std::string& words) {
 
 bool Simulator::start(std::string* error) {
     started = Clock::now();
-    if (!opts.sysfsRoot.empty() && !writeSysfsTree(opts.sysfsRoot, opts.sysfs, error)) {
+    if (!opts.sysfsRoot.empty() && opts.wwanDir.empty() &&
+        !writeSysfsTree(opts.sysfsRoot, opts.sysfs, error)) {
         return false;
     }
     if (!opts.recordPath.empty()) {
@@ -185,6 +187,9 @@ bool Simulator::start(std::string* error) {
     }
     if (!opts.pcuiLink.empty()) {
         addPort("pcui", opts.pcuiLink, false, true);
+    }
+    if (!opts.wwanDir.empty() && !startWwan(error)) {
+        return false;
     }
     for (auto& port : ports) {
         if (!port->pty.open(port->linkPath, error)) {
@@ -236,6 +241,19 @@ bool Simulator::start(std::string* error) {
     printf("ready\n");
     fflush(stdout);
     event("ready");
+    return true;
+}
+
+bool Simulator::startWwan(std::string* error) {
+    wwan = std::make_unique<WwanFs>();
+    wwan->setSysfsRoot(opts.sysfsRoot);
+    wwan->setNote([this](const std::string& words) { event(words); });
+    if (!wwan->mount(opts.wwanDir, error)) {
+        return false;
+    }
+    for (auto& port : ports) {
+        port->pty.serveThrough(wwan.get(), port->carriesDiag ? WwanFs::kQcdm : WwanFs::kAt);
+    }
     return true;
 }
 

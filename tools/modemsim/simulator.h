@@ -14,6 +14,7 @@
 #include "maskState.h"
 #include "ptyPort.h"
 #include "simOptions.h"
+#include "wwanFs.h"
 
 namespace vtools {
 
@@ -69,6 +70,8 @@ private:
     void event(const std::string& words);
     long elapsedMs() const;
 
+    // The ports as files of a FUSE mount that are not terminals (--wwan).
+    bool startWwan(std::string* error);
     void readPort(Port& port);
     void takeDiagBytes(Port& port);
     void takeFrame(Port& port, const DeframeStep& step);
@@ -102,6 +105,7 @@ private:
 
     SimOptions opts;
     AtModule module;
+    std::unique_ptr<WwanFs> wwan;
     std::vector<std::unique_ptr<Port>> ports;
     FILE* recordFile = nullptr;
     int controlFd = -1;

@@ -6,7 +6,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <set>
 
 namespace vtools {
 
@@ -72,6 +74,42 @@ bool writeSysfsTree(const std::string& root, const SysfsModule& module, std::str
         unlink(alias.c_str());
         if (symlink(("../drivers/option/" + name).c_str(), alias.c_str()) != 0) {
             *error = "symlink(" + alias + ") failed: " + strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool writeWwanTree(const std::string& root, const std::vector<WwanPortEntry>& ports,
+                   std::string* error) {
+    // The modem's place on the PCI bus and its MHI controller, where the kernel puts it.
+    const std::string devices = "devices/pci0000:00/0000:00:1c.0/0000:01:00.0/mhi0/wwan";
+    const std::string classDir = root + "/sys/class/wwan";
+    std::error_code ignored;
+    std::filesystem::remove_all(classDir, ignored);
+    std::filesystem::remove_all(root + "/sys/" + devices, ignored);
+    if (!makeDirs(classDir, error)) {
+        return false;
+    }
+    std::set<int> made;
+    for (const WwanPortEntry& port : ports) {
+        const std::string device = "wwan" + std::to_string(port.index);
+        const std::string deviceDir = devices + "/" + device;
+        if (made.insert(port.index).second &&
+            (!makeDirs(root + "/sys/" + deviceDir, error) ||
+             !writeText(root + "/sys/" + deviceDir + "/index", std::to_string(port.index) + "\n",
+                        error) ||
+             symlink(("../../" + deviceDir).c_str(), (classDir + "/" + device).c_str()) != 0)) {
+            *error = error->empty() ? "symlink(" + classDir + "/" + device + ") failed" : *error;
+            return false;
+        }
+        const std::string portDir = deviceDir + "/" + port.name;
+        if (!makeDirs(root + "/sys/" + portDir, error) ||
+            !writeText(root + "/sys/" + portDir + "/type", port.type + "\n", error)) {
+            return false;
+        }
+        if (symlink(("../../" + portDir).c_str(), (classDir + "/" + port.name).c_str()) != 0) {
+            *error = "symlink(" + classDir + "/" + port.name + ") failed: " + strerror(errno);
             return false;
         }
     }

@@ -2,6 +2,7 @@
 #define VREC_TOOLS_SYSFSTREE_H
 
 #include <string>
+#include <vector>
 
 namespace vtools {
 
@@ -17,6 +18,19 @@ struct SysfsModule {
 // sys/bus/usb/drivers/option/1-1:1.N and the same under sys/bus/usb/devices, each with
 // modalias, bInterfaceProtocol, bInterfaceNumber and its ttyUSB entry.
 bool writeSysfsTree(const std::string& root, const SysfsModule& module, std::string* error);
+
+// One port of a module on PCIe, as the WWAN class shows it.
+struct WwanPortEntry {
+    int index;         // of its WWAN device, wwanN
+    std::string name;  // wwan0qcdm0
+    std::string type;  // QCDM, AT
+};
+
+// Writes, under `root`, the WWAN class as it stands with `ports`: sys/class/wwan with a link
+// for each device wwanN (attribute index) and each port (attribute type), into the
+// devices' tree under the modem's MHI controller. What stood there before goes.
+bool writeWwanTree(const std::string& root, const std::vector<WwanPortEntry>& ports,
+                   std::string* error);
 
 }  // namespace vtools
 
