@@ -222,6 +222,11 @@ void PortMgnt::announcePort(const char* side, const std::string& name) {
     last = name;
     const char* attachment = discovery::PortAttachment(name);
     DIAG_LOG(LOG_INFO, "%s port in use: %s (%s)", side, name.c_str(), attachment);
+    // A USB module's run prints what it always printed; a PCIe port is named, for its node
+    // tells the user which of the module's transports is read.
+    if (!discovery::IsPcieNodeName(name)) {
+        return;
+    }
     consolePrint("%sINFO: %s port %s (%s).\n", kLineClear, side, name.c_str(), attachment);
 }
 
