@@ -21,6 +21,7 @@
 #include "controlMessage.h"
 #include "diagImpl.h"
 #include "diagLog.h"
+#include "dumpService.h"
 #include "optionValues.h"
 #include "portMgnt.h"
 #include "textUtil.h"
@@ -32,6 +33,7 @@ const char* const kBuildTime = __DATE__ " " __TIME__;
 const char* const kMaker = "Made by Orvane for its USB modules and datacards.";
 
 const char* const kShortOptions = "m:qip:d:l:shvc:t:f:u:r:o:";
+// clang-format off
 const option kLongOptions[] = {
     {"mdon", required_argument, nullptr, 'm'},     {"qualcomm", no_argument, nullptr, 'q'},
     {"imc", no_argument, nullptr, 'i'},            {"pcui", required_argument, nullptr, 'p'},
@@ -40,7 +42,19 @@ const option kLongOptions[] = {
     {"version", no_argument, nullptr, 'v'},        {"cycle", required_argument, nullptr, 'c'},
     {"total", required_argument, nullptr, 't'},    {"file", required_argument, nullptr, 'f'},
     {"unit", required_argument, nullptr, 'u'},     {"report", required_argument, nullptr, 'r'},
-    {"overwrite", required_argument, nullptr, 'o'}, {nullptr, 0, nullptr, 0}};
+    {"overwrite", required_argument, nullptr, 'o'},
+    {"on-crash", required_argument, nullptr, kOnCrashOption},
+    {"collect-dump", no_argument, nullptr, kCollectDumpOption},
+    {nullptr, 0, nullptr, 0}};
+// clang-format on
+
+// One help line for each option of crash dumps.
+const char* const kCrashOptionHelp[] = {
+    "  --on-crash ACTION          When the module crashes into dump mode: collect (default) "
+    "its memory dump, reset it at once, or leave it.",
+    "  --collect-dump             Collect the memory dump of a module in dump mode, reset it "
+    "and end: 0 when complete.",
+};
 
 const char* const kUsage[] = {
     "Usage: vrec [options]",
@@ -85,6 +99,12 @@ std::unique_ptr<LogInterface> makeDefaultImpl(const CaptureOptions& options) {
     return std::make_unique<DiagImpl>();
 }
 
+CrashAction crashActionOf(const std::string& text) {
+    return text == "reset"   ? CrashAction::Reset
+           : text == "leave" ? CrashAction::Leave
+                             : CrashAction::Collect;
+}
+
 int32_t toInt(const char* text) { return static_cast<int32_t>(strtol(text, nullptr, 10)); }
 
 // Whether the run stays alive after a successful start: a real-time capture and an
@@ -103,6 +123,12 @@ bool staysAlive(const CaptureOptions& options) {
         if (entry.name != nullptr && entry.val == option) {
             longName = entry.name;
         }
+    }
+    if (option > 0xFF) {
+        consolePrint(
+            "ERROR: invalid value \"%s\" for --%s: give %s.\nUse vrec -h to see the options.\n",
+            escapeText(value).c_str(), longName, rule.c_str());
+        exit(1);
     }
     consolePrint(
         "ERROR: invalid value \"%s\" for -%c (--%s): give %s.\nUse vrec -h to see the options.\n",
@@ -170,6 +196,14 @@ int CommandLineSrv::run(int argc, char** argv) {
         applyOption(option, optarg);
     }
     checkOptions();
+
+    if (collectDump) {
+        // A run of its own: no capture, no control port, no background.
+        return DumpService::getInstance()->collectAlone([this] {
+            std::lock_guard<std::mutex> lock(stopLock);
+            return stopping;
+        });
+    }
 
     // Before anything reaches the module: a second run must leave the first one's ports
     // alone, and a stop must be heard from the first frame of the start on.
@@ -329,6 +363,12 @@ void CommandLineSrv::applyOption(int option, const char* argument) {
         case 'o':
             options.overwrite = toInt(argument) != 0;
             break;
+        case kOnCrashOption:
+            DumpService::getInstance()->setCrashAction(crashActionOf(argument));
+            break;
+        case kCollectDumpOption:
+            collectDump = true;
+            break;
         case 's':
             sendCommand("stop");
             exit(0);
@@ -416,6 +456,10 @@ void CommandLineSrv::showUsage() {
         text += line;
         text += '\n';
     }
+    for (const char* line : kCrashOptionHelp) {
+        text += line;
+        text += '\n';
+    }
     text += std::string(105, '.') + "\n";
     text += "Notice:\n";
     text += "1. -q or -i or -m is the master parameters, any incompatible parameters followed are "
@@ -498,6 +542,12 @@ int launcherStatus(pid_t run, int startNotice) {
 }  // namespace
 
 int vrecMain(int argc, char** argv) {
+    // Collecting a dump is a run in the foreground: its status is the collection's.
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--collect-dump") == 0) {
+            return CommandLineSrv::getInstance()->run(argc, argv);
+        }
+    }
     int notice[2] = {-1, -1};
     if (pipe2(notice, O_CLOEXEC) != 0) {
         notice[0] = notice[1] = -1;

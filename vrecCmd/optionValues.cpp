@@ -57,6 +57,10 @@ std::string valueRule(int letter, const std::string& text) {
             return isPlainField(text)
                        ? ""
                        : "a file name without quotes, commas, blanks or control characters";
+        case kOnCrashOption:
+            return text == "collect" || text == "reset" || text == "leave"
+                       ? ""
+                       : "collect, reset or leave";
         default:
             return "";
     }

@@ -7,6 +7,10 @@
 // The values the options take, checked before any option acts, so that a mistyped number
 // or a name that would break an AT command ends the run before a port is touched.
 
+// Long options without a letter.
+constexpr int kOnCrashOption = 0x1701;
+constexpr int kCollectDumpOption = 0x1702;
+
 // A whole decimal number of digits only, from `low` to `high`.
 bool parseWholeNumber(const std::string& text, uint64_t low, uint64_t high, uint64_t* value);
 

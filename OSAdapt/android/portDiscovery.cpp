@@ -103,6 +103,8 @@ int interfaceTypeByTable(const std::string& modalias, const std::string& number)
 
 void OS_ADAPT_SetSysfsRoot(const std::string& root) { g_sysfsRoot = root; }
 
+const std::string& OS_ADAPT_SysfsRoot() { return g_sysfsRoot; }
+
 namespace discovery {
 
 int protocolToInterfaceType(unsigned protocol) {

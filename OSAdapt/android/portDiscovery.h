@@ -55,6 +55,7 @@ int OS_ADAPT_EnumPorts(int reserved, DevicePortInfo* info);
 // Puts a prefix in front of the sysfs paths that discovery walks, so a fake tree can
 // stand in for the kernel's. Empty means the real /sys.
 void OS_ADAPT_SetSysfsRoot(const std::string& root);
+const std::string& OS_ADAPT_SysfsRoot();
 
 // The walk's steps, reachable for tests on fake trees.
 namespace discovery {
