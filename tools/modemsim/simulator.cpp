@@ -632,6 +632,14 @@ void Simulator::applyFault(const Fault& fault) {
         case Fault::kStopTransfer:
             module.stopTransferAfter = static_cast<int>(fault.value);
             break;
+        case Fault::kCrash:
+        case Fault::kDumpHangup:
+        case Fault::kDumpRefuse:
+        case Fault::kDumpSilent:
+        case Fault::kDumpMode:
+        case Fault::kDumpTableLength:
+            crashFault(fault);
+            break;
     }
 }
 

@@ -88,6 +88,8 @@ private:
     Port* diagPort();
 
     void applyFault(const Fault& fault);
+    // The crash and dump mode (simulatorCrash.cpp).
+    void crashFault(const Fault& fault);
     void hangup(Port& port, long downMs);
     void reopen(Port& port);
     void readControl();
