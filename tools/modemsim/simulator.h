@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "atModule.h"
+#include "dumpPort.h"
 #include "hdlc.h"
 #include "ptyPort.h"
 #include "simOptions.h"
@@ -90,6 +91,12 @@ private:
     void applyFault(const Fault& fault);
     // The crash and dump mode (simulatorCrash.cpp).
     void crashFault(const Fault& fault);
+    void serviceCrash();  // each round: the steps of a crash under way
+    void enterDumpMode();
+    void openDumpPort();
+    void watchNewId();
+    void leaveDumpMode();
+    void applyDumpFault(const Fault& fault);
     void hangup(Port& port, long downMs);
     void reopen(Port& port);
     void readControl();
@@ -118,6 +125,13 @@ private:
     uint32_t nextSeq = 0;
     std::vector<std::string> replayFrames;
     size_t replayNext = 0;
+
+    enum class Crash { kNone, kDraining, kDump, kRebooting };
+    Crash crashState = Crash::kNone;
+    Clock::time_point crashDeadline;  // draining: its end; rebooting: the return
+    std::unique_ptr<DumpPort> dumpPort;
+    std::vector<Fault> dumpFaults;  // for every dump, in the order given
+    SysfsDumpDevice dumpDevice;
 };
 
 }  // namespace vtools
