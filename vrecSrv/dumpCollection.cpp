@@ -110,16 +110,19 @@ void DumpCollection::run(const std::string& directory, const DumpModeSeen& onDum
             }
             continue;
         }
-        // The port has bytes: read until it has no more.
+        // The port has bytes: read until it has no more. A raw terminal's read gives 0 when
+        // it has nothing; only right after the wait said ready does that mean a hang-up.
+        bool afterWait = true;
         while (!failed && saharaSession.phase() != Phase::Finished) {
             int count = 0;
             OS_ADAPT_ReadNow(port, buffer.data(), static_cast<int>(buffer.size()), &count);
             if (count > 0) {
+                afterWait = false;
                 lastActivity = GetTickMs();
                 handle(saharaSession.feed(buffer.data(), static_cast<size_t>(count)));
                 continue;
             }
-            if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
+            if ((count == 0 && !afterWait) || (count < 0 && (errno == EAGAIN || errno == EINTR))) {
                 break;
             }
             DIAG_LOG(LOG_WARN, "the dump port %s hung up: %s", portPath.c_str(),
@@ -168,6 +171,7 @@ void DumpCollection::handle(const std::vector<Event>& events) {
                 break;
             case Kind::TableRead: {
                 collectStartMs = GetTickMs();
+                lastProgressMs = collectStartMs;
                 const auto& regions = saharaSession.regions();
                 DIAG_LOG(LOG_INFO, "region table (%s-bit): %zu regions, %llu bytes",
                          saharaSession.wide() ? "64" : "32", regions.size(),
@@ -204,7 +208,8 @@ void DumpCollection::handle(const std::vector<Event>& events) {
             case Kind::Finished:
                 resetDone = event.text.empty();
                 DIAG_LOG(LOG_INFO, "dump port %s: %s", portPath.c_str(),
-                         resetDone ? "RESET answered" : event.text.c_str());
+                         resetDone ? "RESET answered, or the port went away after it"
+                                   : event.text.c_str());
                 break;
         }
     }

@@ -154,6 +154,7 @@ bool DumpService::bindUnbound(const std::vector<DumpPortCandidate>& candidates) 
 
 DumpService::Found DumpService::handlePort(const std::string& path, uint64_t lostAtMs,
                                            CrashAction what, const StopCheck& stopped) {
+    DIAG_LOG(LOG_INFO, "looking at the dump-mode candidate %s", path.c_str());
     int port = -1;
     if (OS_ADAPT_OpenDump(path.c_str(), &port) != OS_ADAPT_SUCCESS) {
         DIAG_LOG(LOG_INFO, "can't open the dump-mode candidate %s", path.c_str());

@@ -624,7 +624,8 @@ const std::vector<Session::Event>& Session::abort(Cause cause) {
         return events;
     }
     if (current == Phase::Resetting) {
-        finish(cause == Cause::HungUp ? "port hung up after RESET" : "no answer to RESET");
+        // A module that drops off the bus after RESET is resetting as asked.
+        finish(cause == Cause::HungUp ? std::string() : "no answer to RESET");
         return events;
     }
     if (current == Phase::Hello) {

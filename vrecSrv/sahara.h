@@ -110,6 +110,7 @@ public:
             RegionData,    // `bytes` of `region`, valid until the next feed()
             RegionClosed,  // `region` has ended, complete or not (state in regions)
             Finished,      // nothing more: `text` empty when the module answered the RESET
+                           // or went away after it
         };
         Kind kind = Kind::Send;
         size_t region = 0;

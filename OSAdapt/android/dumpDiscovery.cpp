@@ -94,8 +94,6 @@ void addUsbInterface(const std::string& dir, const std::string& name, bool unbou
     } else {
         return;
     }
-    DIAG_LOG(LOG_INFO, "dump-mode candidate %s (05c6:%s) %s", name.c_str(), product.c_str(),
-             candidate.path.empty() ? "without a driver" : candidate.path.c_str());
     found->push_back(candidate);
 }
 
