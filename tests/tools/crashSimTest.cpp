@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "captureCheck.h"
+#include "hdlc.h"
 #include "simMemory.h"
 #include "testkit.h"
 
@@ -106,7 +108,7 @@ public:
             if (poll(&p, 1, timeoutMs) <= 0) {
                 break;
             }
-            std::string buffer(size - got.size(), '\0');
+            std::string buffer(std::min<size_t>(size - got.size(), 65536), '\0');
             const ssize_t n = ::read(fd, &buffer[0], buffer.size());
             if (n <= 0) {
                 break;
@@ -386,6 +388,48 @@ TEST(CrashSim, DumpPortHangsUpMidRegionAndAnotherModeWantsNothingWritten) {
     EXPECT_EQ("", host.read(1, 300));
     ASSERT_TRUE(testkit::waitFor([&] { return !sim.errors().empty(); }));
     EXPECT_NE(std::string::npos, sim.errors()[0].find("HELLO has mode 0"));
+}
+
+// The stream stops at the crash, the host gets all that was sent before it, and once the
+// module is back the stream goes on with the next sequence number: one whole sequence.
+TEST(CrashSim, TheStreamIsWholeAcrossACrash) {
+    Sim sim({"--rate", "2000", "--fault", "dump-silent@0", "--dump-regions", "4K:A.BIN"});
+    const std::string start =
+        vtools::frame(std::string("\x73\0\0\0\x03\0\0\0\x01\0\0\0\x07\0\0\0\xFF", 17));
+    const std::string stop = vtools::frame(std::string("\x73\0\0\0\0\0\0\0", 8));
+    std::string wire;
+    {
+        Host diag(sim.file("diag"));
+        diag.send(start);
+        wire += diag.read(20000);
+        sim.control("crash");
+        wire += diag.read(SIZE_MAX, 3000);  // until the hang-up
+    }
+    ASSERT_TRUE(sim.event("dump port"));
+    EXPECT_NE(std::string::npos, sim.record().find(" unread 0\n")) << sim.record();
+    {
+        // A silent module answers nothing, but RESET still reboots it.
+        Host host(sim.file("diag.dump"));
+        const std::vector<Region> regions = host.table(64);
+        ASSERT_EQ(1u, regions.size());
+        host.memoryRead(64, regions[0].address, 8);
+        EXPECT_EQ("", host.read(1, 300));
+        host.send(words({7, 8}));
+        EXPECT_EQ("", host.read(8, 300));
+    }
+    ASSERT_TRUE(sim.event("return"));
+    ASSERT_TRUE(testkit::waitFor([&] { return exists(sim.file("diag")); }, 3000));
+    Host diag(sim.file("diag"));
+    diag.send(start);
+    wire += diag.read(20000);
+    diag.send(stop);
+    wire += diag.read(SIZE_MAX, 500);
+    vtools::CaptureCheck check;
+    check.feed(wire.data(), wire.size());
+    check.finish();
+    EXPECT_TRUE(check.clean(true)) << testing::PrintToString(check.problems(true));
+    EXPECT_GT(check.sequence().packets, 200u);
+    EXPECT_TRUE(sim.errors().empty()) << joined(sim.errors());
 }
 
 // A dump directory written by hand: the inspector finds what is missing, short or wrong.
