@@ -24,9 +24,9 @@ bool number(const std::string& text, int base, uint64_t* value) {
         return false;
     }
     for (const char c : text) {
-        const bool digit = base == 16 ? (isdigit(static_cast<unsigned char>(c)) != 0 ||
-                                         (c >= 'a' && c <= 'f'))
-                                      : isdigit(static_cast<unsigned char>(c)) != 0;
+        const bool digit =
+            base == 16 ? (isdigit(static_cast<unsigned char>(c)) != 0 || (c >= 'a' && c <= 'f'))
+                       : isdigit(static_cast<unsigned char>(c)) != 0;
         if (!digit) {
             return false;
         }

@@ -24,7 +24,7 @@ struct DumpIndex {
     std::vector<DumpIndexLine> regions;
     std::vector<std::string> comments;  // the "#" lines, without the "# "
     bool hasResult = false;
-    std::string result;  // what follows "# result "
+    std::string result;                 // what follows "# result "
     std::vector<std::string> problems;  // lines that are not of the form
 };
 

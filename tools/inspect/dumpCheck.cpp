@@ -68,7 +68,8 @@ int checkDumpDirectory(const std::string& dir, bool simMemory) {
     uint64_t storedBytes = 0;
     for (size_t i = 0; i < index.regions.size(); ++i) {
         const vtools::DumpIndexLine& region = index.regions[i];
-        const std::string name = "region " + std::to_string(region.number) + " (" + region.file + ")";
+        const std::string name =
+            "region " + std::to_string(region.number) + " (" + region.file + ")";
         std::string line = "region " + std::to_string(region.number) + " " + region.file + " " +
                            hex(region.address) + " " + hex(region.length) + ": stored " +
                            std::to_string(region.stored) + ", " + region.state;
@@ -83,8 +84,8 @@ int checkDumpDirectory(const std::string& dir, bool simMemory) {
                                " bytes, more than its length " + std::to_string(region.length));
         }
         if (region.complete() && region.stored != region.length) {
-            problems.push_back(name + ": complete with " + std::to_string(region.stored) +
-                               " of " + std::to_string(region.length) + " bytes");
+            problems.push_back(name + ": complete with " + std::to_string(region.stored) + " of " +
+                               std::to_string(region.length) + " bytes");
         }
         if (!region.complete()) {
             incomplete.push_back(std::to_string(region.number));
@@ -141,8 +142,8 @@ int checkDumpDirectory(const std::string& dir, bool simMemory) {
         for (const std::string& n : incomplete) {
             list += (list.empty() ? "" : ", ") + n;
         }
-        printf("verdict: INCOMPLETE: region%s %s not complete\n",
-               incomplete.size() == 1 ? "" : "s", list.c_str());
+        printf("verdict: INCOMPLETE: region%s %s not complete\n", incomplete.size() == 1 ? "" : "s",
+               list.c_str());
     }
     const bool sound = problems.empty() && incomplete.empty();
     if (sound) {

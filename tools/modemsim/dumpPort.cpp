@@ -12,6 +12,8 @@ constexpr size_t kBufferSize = 256 * 1024;
 constexpr size_t kMostPerService = 4 * 1024 * 1024;
 // How long a host may take to read RESET_RESP, or what came before a hang-up.
 constexpr auto kReadGrace = std::chrono::seconds(1);
+// How long the host's side must have stayed empty to count as read.
+constexpr auto kEmptyFor = std::chrono::milliseconds(100);
 
 }  // namespace
 
@@ -72,6 +74,11 @@ void DumpPort::service() {
         moved += static_cast<size_t>(n);
     }
     const auto now = Clock::now();
+    const bool emptyNow = head == tail && pty.unread() == 0;
+    if (emptyNow && !empty) {
+        emptySince = now;
+    }
+    empty = emptyNow;
     if (sahara.resetSeen() && !resetTimed) {
         resetTimed = true;
         resetAt = now;
@@ -82,15 +89,20 @@ void DumpPort::service() {
     }
 }
 
+bool DumpPort::drained(Clock::time_point now) const {
+    return empty && head == tail && now - emptySince >= kEmptyFor;
+}
+
 bool DumpPort::over() const {
     const auto now = Clock::now();
     if (hangTimed) {
-        return drained() || now - hungAt >= kReadGrace;
+        return drained(now) || now - hungAt >= kReadGrace;
     }
     if (!resetTimed) {
         return false;
     }
-    return sahara.silent() || (sahara.resetAnswered() && drained()) || now - resetAt >= kReadGrace;
+    return sahara.silent() || (sahara.resetAnswered() && drained(now)) ||
+           now - resetAt >= kReadGrace;
 }
 
 }  // namespace vtools

@@ -37,7 +37,9 @@ public:
     bool over() const;
 
 private:
-    bool drained() const { return head == tail && pty.unread() == 0; }
+    // Nothing waits for the host, and nothing has for a while: bytes written into a terminal
+    // reach the host's side a moment later, so one look could come too early.
+    bool drained(Clock::time_point now) const;
 
     std::string path;
     PtyPort pty;
@@ -50,6 +52,8 @@ private:
     Clock::time_point hungAt;
     bool resetTimed = false;
     bool hangTimed = false;
+    Clock::time_point emptySince;
+    bool empty = false;
 };
 
 }  // namespace vtools

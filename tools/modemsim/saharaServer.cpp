@@ -346,6 +346,14 @@ size_t SaharaServer::produce(unsigned char* to, size_t most) {
                 to[made + i] = offset + i < tableBytes.size() ? tableBytes[offset + i] : 0;
             }
         } else {
+            // The faults take effect at their count of region bytes, however the reads fall.
+            if (served >= hangupAt || served >= silentAt) {
+                stoppedHung = served >= hangupAt;
+                stoppedSilent = !stoppedHung;
+                note("event", std::string(stoppedHung ? "hangup" : "silent") + " after " +
+                                  std::to_string(served) + " bytes");
+                break;
+            }
             n = static_cast<size_t>(std::min<uint64_t>(n, std::min(hangupAt, silentAt) - served));
             simMemoryFill(head.address, to + made, n);
             served += n;
@@ -362,11 +370,6 @@ size_t SaharaServer::produce(unsigned char* to, size_t most) {
             }
             out.pop_front();
         }
-    }
-    if ((hungUp() || silent()) && !stopTold) {
-        stopTold = true;
-        note("event", std::string(hungUp() ? "hangup" : "silent") + " after " +
-                          std::to_string(served) + " bytes");
     }
     return made;
 }

@@ -56,14 +56,14 @@ public:
     void feed(const char* data, size_t size);
     // Up to `most` bytes of what the module sends next into `out`; 0 when nothing is due.
     size_t produce(unsigned char* out, size_t most);
-    bool pending() const { return !out.empty() && !silent(); }
+    bool pending() const { return !out.empty() && !silent() && !hungUp(); }
     // The host's bytes that no packet took yet: a cut packet when the port goes.
     void endOfInput();
 
     bool resetSeen() const { return reset; }
     bool resetAnswered() const { return reset && out.empty(); }
-    bool hungUp() const { return served >= hangupAt; }
-    bool silent() const { return served >= silentAt; }
+    bool hungUp() const { return stoppedHung; }
+    bool silent() const { return stoppedSilent; }
     uint64_t regionBytes() const { return served; }
     const std::vector<unsigned char>& table() const { return tableBytes; }
 
@@ -101,8 +101,9 @@ private:
     bool reset = false;
     std::string input;
     std::deque<Out> out;
-    uint64_t served = 0;  // region bytes sent
-    bool stopTold = false;
+    uint64_t served = 0;         // region bytes sent
+    bool stoppedHung = false;    // the hang-up fault's count was reached
+    bool stoppedSilent = false;  // the silence fault's count was reached
 };
 
 // The name of a Sahara command, or its number in hex.

@@ -179,7 +179,8 @@ const char* simUsage() {
            "                         written to sys/bus/usb-serial/drivers/option1/new_id\n"
            "  --dump-driver NAME     the driver that holds it: option (default) or qcserial\n"
            "  --dump-product PID     product ID in dump mode (default 900E)\n"
-           "  --reboot-ms MS         from RESET to the normal module's return (default 3000)\n"
+           "  --reboot-ms MS         from the dump port's hang-up (after RESET_RESP) to the\n"
+           "                         normal module's return (default 3000)\n"
            "Discovery:\n"
            "  --sysfs DIR            write DIR/sys/bus/usb/... for the module (alone: then exit)\n"
            "  --product PID          product ID in modalias (default F001)\n"
@@ -391,6 +392,10 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
     }
     if (!split && options->sharedLink.empty() && options->sysfsRoot.empty()) {
         fprintf(stderr, "vrec-modemsim: no port given\n%s", simUsage());
+        return 2;
+    }
+    if (options->dump.unbound && options->sysfsRoot.empty()) {
+        fprintf(stderr, "vrec-modemsim: --dump-unbound needs --sysfs: the tree holds new_id\n");
         return 2;
     }
     std::string error;

@@ -128,7 +128,8 @@ private:
 
     enum class Crash { kNone, kDraining, kDump, kRebooting };
     Crash crashState = Crash::kNone;
-    Clock::time_point crashDeadline;  // draining: its end; rebooting: the return
+    Clock::time_point crashDeadline;    // draining: its end; rebooting: the return
+    Clock::time_point crashEmptySince;  // draining: since when the host's side is empty
     std::unique_ptr<DumpPort> dumpPort;
     std::vector<Fault> dumpFaults;  // for every dump, in the order given
     SysfsDumpDevice dumpDevice;

@@ -14,6 +14,7 @@ namespace {
 
 // How long the host may take to read what the Diag port holds when the firmware crashes.
 constexpr auto kDrainGrace = std::chrono::seconds(1);
+constexpr auto kEmptyFor = std::chrono::milliseconds(100);
 
 }  // namespace
 
@@ -31,6 +32,7 @@ void Simulator::crashFault(const Fault& fault) {
     }
     stopStream("crash");
     crashState = Crash::kDraining;
+    crashEmptySince = Clock::time_point::max();
     crashDeadline = Clock::now() + kDrainGrace;
 }
 
@@ -64,10 +66,17 @@ void Simulator::serviceCrash() {
         case Crash::kNone:
             return;
         case Crash::kDraining: {
+            // What the Diag port holds reaches the host's side a moment after it is written:
+            // it counts as read once the host's side stayed empty for a while.
             Port* port = diagPort();
             const size_t unread =
                 port == nullptr || port->down ? 0 : port->queued + port->pty.unread();
-            if (unread == 0 || now >= crashDeadline) {
+            if (unread != 0) {
+                crashEmptySince = Clock::time_point::max();
+            } else if (crashEmptySince == Clock::time_point::max()) {
+                crashEmptySince = now;
+            }
+            if ((unread == 0 && now - crashEmptySince >= kEmptyFor) || now >= crashDeadline) {
                 const long last = generated == 0 ? -1 : static_cast<long>(nextSeq) - 1;
                 event("crash after seq " + std::to_string(last) + " unread " +
                       std::to_string(unread));
