@@ -113,7 +113,8 @@ void DumpCollection::run(const std::string& directory, const DumpModeSeen& onDum
         // The port has bytes: read until it has no more. A raw terminal's read gives 0 when
         // it has nothing; only right after the wait said ready does that mean a hang-up.
         bool afterWait = true;
-        while (!failed && saharaSession.phase() != Phase::Finished) {
+        while (!failed && saharaSession.phase() != Phase::Finished &&
+               (stopSeen || !stopped || !stopped())) {
             int count = 0;
             OS_ADAPT_ReadNow(port, buffer.data(), static_cast<int>(buffer.size()), &count);
             if (count > 0) {
