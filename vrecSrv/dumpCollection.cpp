@@ -18,6 +18,8 @@ namespace {
 
 // Reads take what the port has, up to this much at once.
 constexpr size_t kReadBytes = 1 << 20;
+// Region bytes are written to their file in pieces of about this much.
+constexpr size_t kGatherBytes = 1 << 20;
 constexpr int kWaitSliceMs = 100;
 constexpr int kWriteWaitMs = 1000;
 constexpr int kProgressEveryMs = 250;
@@ -75,6 +77,7 @@ void DumpCollection::run(const std::string& directory, const DumpModeSeen& onDum
     startMs = GetTickMs();
     heading = timeText("%04d-%02d-%02d %02d:%02d:%02d") + " port " + portPath;
     buffer.resize(kReadBytes);
+    pending.reserve(kGatherBytes + kReadBytes);
     uint64_t lastActivity = startMs;
     using Phase = sahara::Session::Phase;
     while (saharaSession.phase() != Phase::Finished) {
@@ -145,6 +148,9 @@ void DumpCollection::handle(const std::vector<Event>& events) {
             // were counted but are not stored.
             if (event.kind == Kind::RegionData) {
                 saharaSession.notStored(event.region, event.size, failure);
+            } else if (event.kind == Kind::RegionClosed) {
+                pending.clear();
+                regionFile.Close();
             }
             continue;
         }
@@ -200,6 +206,7 @@ void DumpCollection::handle(const std::vector<Event>& events) {
                 storeData(event.region, event.data, event.size);
                 break;
             case Kind::RegionClosed: {
+                flushData();
                 regionFile.Close();
                 const auto& state = saharaSession.states()[event.region];
                 DIAG_LOG(LOG_INFO, "region %zu: %llu bytes stored, %s", event.region,
@@ -266,20 +273,35 @@ void DumpCollection::openRegion(size_t region) {
     }
 }
 
-bool DumpCollection::storeData(size_t region, const uint8_t* data, size_t size) {
+void DumpCollection::storeData(size_t region, const uint8_t* data, size_t size) {
+    // A terminal hands over a few KiB per read: they are gathered, so that the file takes
+    // them in large writes.
+    if (pending.empty()) {
+        pendingRegion = region;
+    }
+    pending.insert(pending.end(), data, data + size);
+    if (pending.size() >= kGatherBytes) {
+        flushData();
+    }
+}
+
+bool DumpCollection::flushData() {
     size_t done = 0;
-    while (done < size) {
-        iovec part{const_cast<uint8_t*>(data + done), size - done};
+    while (done < pending.size()) {
+        iovec part{pending.data() + done, pending.size() - done};
         const ssize_t written = regionFile.WriteV(&part, 1);
         if (written <= 0) {
             storageError = strerror(written < 0 ? regionFile.LastError() : ENOSPC);
             DIAG_LOG(LOG_ERRO, "writing the dump failed: %s", storageError.c_str());
             fail(sahara::Cause::StorageFull);
-            saharaSession.notStored(region, size - done, sahara::Cause::StorageFull);
+            saharaSession.notStored(pendingRegion, pending.size() - done,
+                                    sahara::Cause::StorageFull);
+            pending.clear();
             return false;
         }
         done += static_cast<size_t>(written);
     }
+    pending.clear();
     return true;
 }
 

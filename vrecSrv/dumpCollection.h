@@ -46,7 +46,9 @@ private:
     bool sendAll(const std::string& bytes);
     bool makeDirectory(const std::string& logDir);
     void openRegion(size_t region);
-    bool storeData(size_t region, const uint8_t* data, size_t size);
+    void storeData(size_t region, const uint8_t* data, size_t size);
+    // Writes what was gathered; false, with the collection failed, when storage refuses.
+    bool flushData();
     void writeIndex();
     void reportProgress(bool force);
     void fail(sahara::Cause cause);
@@ -75,6 +77,8 @@ private:
     uint64_t lastProgressMs = 0;
     bool progressShown = false;
     std::vector<uint8_t> buffer;
+    std::vector<uint8_t> pending;  // region bytes not yet written, all of one region
+    size_t pendingRegion = 0;
 };
 
 #endif
