@@ -50,10 +50,10 @@ const option kLongOptions[] = {
 
 // One help line for each option of crash dumps.
 const char* const kCrashOptionHelp[] = {
-    "  --on-crash ACTION          When the module crashes into dump mode: collect (default) "
-    "its memory dump, reset it at once, or leave it.",
-    "  --collect-dump             Collect the memory dump of a module in dump mode, reset it "
-    "and end: 0 when complete.",
+    "  --on-crash collect|reset|leave  When the module crashes into dump mode: collect its "
+    "memory dump (default), only reset it, or leave it.",
+    "  --collect-dump             Collect the dump of a module in dump mode, reset it and end "
+    "(status 0 when complete).",
 };
 
 const char* const kUsage[] = {
@@ -195,8 +195,6 @@ int CommandLineSrv::run(int argc, char** argv) {
     while ((option = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr)) != -1) {
         applyOption(option, optarg);
     }
-    checkOptions();
-
     if (collectDump) {
         // A run of its own: no capture, no control port, no background.
         return DumpService::getInstance()->collectAlone([this] {
@@ -204,6 +202,7 @@ int CommandLineSrv::run(int argc, char** argv) {
             return stopping;
         });
     }
+    checkOptions();
 
     // Before anything reaches the module: a second run must leave the first one's ports
     // alone, and a stop must be heard from the first frame of the start on.

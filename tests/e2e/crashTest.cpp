@@ -381,6 +381,30 @@ TEST(CrashDump, CollectDumpAloneEndsWithTheCollectionsStatus) {
     }
 }
 
+// A capture that starts while the module waits in dump mode collects the dump first and
+// starts on the module that comes back.
+TEST(CrashDump, ACaptureStartingOnACrashedModuleCollectsFirst) {
+    CrashRig rig({"--fault", "crash"});
+    std::string why;
+    if (!rig.mount(&why)) {
+        GTEST_SKIP() << why;
+    }
+    ASSERT_TRUE(waitFor(
+        [&] { return rig.sim.record().find("event dump port ") != std::string::npos; }, 5000));
+    Vrec vrec(rig.logs(), {});
+    ASSERT_TRUE(vrec.up) << vrec.run.output();
+    const std::string out = vrec.run.output();
+    EXPECT_NE(std::string::npos, out.find("INFO: a module waits in dump mode on /dev/ttyUSB3."))
+        << out;
+    EXPECT_LT(out.find("INFO: memory dump ended: "), out.find("INFO: now start saving log file "))
+        << out;
+    EXPECT_TRUE(waitFor([&] { return fileSize(rig.logs() + "/real_log.bin") > 2000; }, 5000));
+    EXPECT_EQ(1, vrec.stop());
+    std::string report;
+    EXPECT_EQ(0, inspectDump(rig.dumpDir(), &report)) << report;
+    EXPECT_EQ(arrivals({kStartRequest, kStopRequest}), rig.sim.arrived("diag"));
+}
+
 // A stop during the dump ends it at the next piece, resets the module, writes the index and
 // then stops as always.
 TEST(CrashDump, AStopDuringTheDumpResetsTheModuleAndWritesTheIndex) {
