@@ -255,6 +255,7 @@ TEST(CommandLine, BadValuesEndTheRunBeforeAnyPortIsTouched) {
          "a whole number from 0 to 9999"},
         {{"-f", "logsave_1\",\"0"}, "logsave_1\",\"0", "-f (--file)", name},
         {{"-f", "dump 1"}, "dump 1", "-f (--file)", name},
+        {{"--on-crash", "dump"}, "dump", "--on-crash", "collect, reset or leave"},
     };
     std::vector<std::unique_ptr<BackgroundRun>> runs;
     for (const auto& c : cases) {
