@@ -228,12 +228,14 @@ bool parseTable(const uint8_t* table, size_t size, bool wide, std::vector<Region
         if (region.length > kMaxRegionBytes || region.address + region.length < region.address) {
             *reason = "region " + std::to_string(number) + " at " + hex(region.address) +
                       " has an impossible length of " + hex(region.length) + " bytes";
+            regions->clear();
             return false;
         }
         sum += region.length;
         if (sum > kMaxDumpBytes) {
             *reason =
                 "the regions add up to more than " + std::to_string(kMaxDumpBytes >> 30) + " GiB";
+            regions->clear();
             return false;
         }
         regions->push_back(std::move(region));
@@ -472,11 +474,13 @@ void Session::onAnnounce(const uint8_t* packet, size_t size) {
 
 void Session::onTable() {
     std::string reason;
-    if (!parseTable(tableBytes.data(), tableBytes.size(), wideTable, &table, &reason)) {
+    std::vector<Region> parsed;
+    if (!parseTable(tableBytes.data(), tableBytes.size(), wideTable, &parsed, &reason)) {
         emit(Event::Kind::TableRefused, 0, reason);
         sendReset(reason);
         return;
     }
+    table = std::move(parsed);
     regionStates.assign(table.size(), RegionState());
     dumpBytes = 0;
     for (const Region& region : table) {
