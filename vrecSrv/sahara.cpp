@@ -17,6 +17,7 @@ constexpr size_t kResetRespBytes = 0x08;
 // bytes is asked for as two of 8.
 constexpr uint64_t kAmbiguousPiece = kEndImageBytes;
 constexpr uint32_t kHostVersion = 2;
+constexpr size_t kReadsInFlight = 2;
 constexpr uint32_t kHostCompatible = 1;
 const char* const kIndexName = "dump_index.txt";
 
@@ -284,10 +285,13 @@ bool Session::readingRaw() const {
 
 void Session::emitData(const uint8_t* data, size_t size) {
     pieceLeft -= size;
-    offset += size;
-    if (current == Phase::Table) {
+    if (regionRefused) {
+        // The answer to a read asked for before the region was refused: passed over.
+    } else if (current == Phase::Table) {
+        offset += size;
         tableBytes.insert(tableBytes.end(), data, data + size);
     } else {
+        offset += size;
         Event event;
         event.kind = Event::Kind::RegionData;
         event.region = regionIndex;
@@ -407,8 +411,19 @@ void Session::handlePacket(const uint8_t* packet, size_t size) {
                     sendReset(why);
                     return;
                 }
-                closeRegion(false, state);
-                nextRegion();
+                // The refusal answers the oldest read; one asked for after it is passed over.
+                if (!inFlight.empty()) {
+                    inFlight.pop_front();
+                }
+                if (!regionRefused) {
+                    closeRegion(false, state);
+                    regionRefused = true;
+                }
+                if (inFlight.empty()) {
+                    nextRegion();
+                } else {
+                    startPiece();
+                }
                 return;
             }
             protocolError("command " + hex(command) + " in the middle of a read");
@@ -467,9 +482,9 @@ void Session::onAnnounce(const uint8_t* packet, size_t size) {
         return;
     }
     current = Phase::Table;
-    offset = 0;
+    startTarget();
     tableBytes.clear();
-    requestPiece();
+    askMore();
 }
 
 void Session::onTable() {
@@ -488,39 +503,57 @@ void Session::onTable() {
     }
     emit(Event::Kind::TableRead);
     current = Phase::Regions;
-    regionIndex = 0;
-    offset = 0;
-    if (table.empty()) {
-        sendReset(std::string());
-        return;
-    }
-    emit(Event::Kind::RegionOpen, 0);
-    if (table[0].length == 0) {
-        closeRegion(true, "complete");
-        nextRegion();
-        return;
-    }
-    requestPiece();
+    openRegionsFrom(0);
 }
 
-void Session::requestPiece() {
+void Session::startTarget() {
+    offset = 0;
+    requested = 0;
+    inFlight.clear();
+    regionRefused = false;
+    pieceLeft = 0;
+}
+
+void Session::startPiece() {
+    pieceLeft = inFlight.empty() ? 0 : inFlight.front();
+    pieceRaw = false;
+}
+
+void Session::askMore() {
     const uint64_t length = current == Phase::Table ? tableLength : table[regionIndex].length;
     const uint64_t base = current == Phase::Table ? tableAddress : table[regionIndex].address;
-    uint64_t piece = std::min(kPieceBytes, length - offset);
-    if (piece == kAmbiguousPiece) {
-        piece /= 2;
+    // Two reads in flight: the module prepares the next answer while this one comes in.
+    while (inFlight.size() < kReadsInFlight && requested < length && !stopAtPiece) {
+        uint64_t piece = std::min(kPieceBytes, length - requested);
+        if (piece == kAmbiguousPiece) {
+            piece /= 2;
+        }
+        emit(Event::Kind::Send, 0, memoryRead(base + requested, piece, wideTable));
+        inFlight.push_back(piece);
+        requested += piece;
     }
-    pieceLeft = piece;
-    pieceRaw = false;
-    emit(Event::Kind::Send, 0, memoryRead(base + offset, piece, wideTable));
+    if (pieceLeft == 0) {
+        startPiece();
+    }
 }
 
 void Session::pieceDone() {
+    if (!inFlight.empty()) {
+        inFlight.pop_front();
+    }
     if (current == Phase::Table) {
         if (offset < tableLength) {
-            requestPiece();
+            askMore();
         } else {
             onTable();
+        }
+        return;
+    }
+    if (regionRefused) {
+        if (inFlight.empty()) {
+            nextRegion();
+        } else {
+            startPiece();
         }
         return;
     }
@@ -529,6 +562,10 @@ void Session::pieceDone() {
         closeRegion(true, "complete");
     }
     if (stopAtPiece) {
+        if (!inFlight.empty()) {
+            startPiece();  // what was asked for comes in first
+            return;
+        }
         if (!regionEnds) {
             closeRegion(false, std::string("cut: ") + causeText(Cause::Stopped));
         }
@@ -538,16 +575,25 @@ void Session::pieceDone() {
     if (regionEnds) {
         nextRegion();
     } else {
-        requestPiece();
+        askMore();
     }
 }
 
 void Session::nextRegion() {
-    while (++regionIndex < table.size()) {
-        offset = 0;
+    if (stopAtPiece) {
+        ++regionIndex;  // the regions after the one that ended are not read
+        sendReset(causeText(Cause::Stopped));
+        return;
+    }
+    openRegionsFrom(regionIndex + 1);
+}
+
+void Session::openRegionsFrom(size_t first) {
+    for (regionIndex = first; regionIndex < table.size(); ++regionIndex) {
+        startTarget();
         emit(Event::Kind::RegionOpen, regionIndex);
         if (table[regionIndex].length != 0) {
-            requestPiece();
+            askMore();
             return;
         }
         closeRegion(true, "complete");
@@ -579,6 +625,7 @@ void Session::sendReset(const std::string& why) {
         outcome = allComplete() ? "complete" : "incomplete: regions refused";
     }
     pieceLeft = 0;
+    inFlight.clear();
     partial.clear();
     current = Phase::Resetting;
     emit(Event::Kind::Send, 0, reset());

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -156,9 +157,15 @@ private:
     void onHello(const uint8_t* packet, size_t size);
     void onAnnounce(const uint8_t* packet, size_t size);
     void onTable();
-    void requestPiece();
+    // Starts the table or a region: nothing of it asked for yet.
+    void startTarget();
+    // Asks for the next pieces of the table or region, up to the reads kept in flight.
+    void askMore();
+    // The oldest read in flight is the one whose answer comes next.
+    void startPiece();
     void pieceDone();
     void nextRegion();
+    void openRegionsFrom(size_t first);
     void closeRegion(bool complete, const std::string& state);
     void sendReset(const std::string& why);
     void finish(const std::string& text);
@@ -186,9 +193,12 @@ private:
     uint64_t dumpBytes = 0;
     uint64_t storedSum = 0;
     size_t regionIndex = 0;
-    uint64_t offset = 0;     // of the target (table or region) already in
-    uint64_t pieceLeft = 0;  // bytes of the piece under way still to come
-    bool pieceRaw = false;   // the answer to the piece under way is known to be data
+    uint64_t offset = 0;            // of the target (table or region) already in
+    uint64_t requested = 0;         // of the target asked for
+    std::deque<uint64_t> inFlight;  // lengths of the reads asked for and not yet answered
+    bool regionRefused = false;     // answers still in flight for it are passed over
+    uint64_t pieceLeft = 0;         // bytes of the piece under way still to come
+    bool pieceRaw = false;          // the answer to the piece under way is known to be data
     bool stopAtPiece = false;
     std::string outcome = "not finished";
 };

@@ -226,7 +226,7 @@ TEST(Sahara, WholeSessionsInPiecesOfAnySizeGiveEveryRegionByteForByte) {
                 {0x80000000, 0x20000 + 16, "DDR CS0", "DDRCS0.BIN"},  // ends in a 16-byte piece
                 {0x80100000, 70001, "OCIMEM", "OCIMEM.BIN"},          // an odd size
                 {0x80200000, 0, "EMPTY", "EMPTY.BIN"},
-                {0x80300000, 4096, "REFUSED", "REFUSED.BIN", true},
+                {0x80300000, 0x30000, "REFUSED", "REFUSED.BIN", true},  // two reads in flight
                 {0x80400000, 5, "TINY", ""},
             };
             FakeModule module(wide, layout);
@@ -262,7 +262,7 @@ TEST(Sahara, WholeSessionsInPiecesOfAnySizeGiveEveryRegionByteForByte) {
                           "0\tDDR CS0\tDDRCS0.BIN\t0x80000000\t0x20010\t131088\tcomplete\n"
                           "1\tOCIMEM\tOCIMEM.BIN\t0x80100000\t0x11171\t70001\tcomplete\n"
                           "2\tEMPTY\tEMPTY.BIN\t0x80200000\t0x0\t0\tcomplete\n"
-                          "3\tREFUSED\tREFUSED.BIN\t0x80300000\t0x1000\t0\trefused 0x19\n"
+                          "3\tREFUSED\tREFUSED.BIN\t0x80300000\t0x30000\t0\trefused 0x19\n"
                           "4\tTINY\tregion_4.bin\t0x80400000\t0x5\t5\tcomplete\n"
                           "# result incomplete: regions refused\n",
                       index);
@@ -364,9 +364,10 @@ TEST(Sahara, OtherModesFaultsAndAStopEachEndAsTheyShould) {
         pump(session, module, hello(2), 1000, run, 3);
         EXPECT_EQ("", run.finished);
         EXPECT_EQ(sahara::reset(), module.requests.back());
-        EXPECT_EQ(4u, module.requests.size());  // HELLO_RESP, table, one piece, RESET
-        EXPECT_EQ(0x10000u, session.states()[0].stored);
-        EXPECT_EQ(memoryOf(layout[0], 0x10000), run.files[0]);
+        // HELLO_RESP, the table, the two pieces in flight, RESET.
+        EXPECT_EQ(5u, module.requests.size());
+        EXPECT_EQ(0x20000u, session.states()[0].stored);
+        EXPECT_EQ(memoryOf(layout[0], 0x20000), run.files[0]);
         EXPECT_EQ("cut: stopped", session.states()[0].state);
         EXPECT_EQ("not read: stopped", session.states()[1].state);
     }
