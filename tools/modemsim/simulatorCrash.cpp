@@ -61,6 +61,9 @@ void Simulator::applyDumpFault(const Fault& fault) {
 }
 
 void Simulator::serviceCrash() {
+    if (crashState == Crash::kNone) {
+        return;
+    }
     const auto now = Clock::now();
     switch (crashState) {
         case Crash::kNone:
