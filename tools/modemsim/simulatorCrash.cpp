@@ -69,8 +69,8 @@ void Simulator::serviceCrash() {
         case Crash::kNone:
             return;
         case Crash::kDraining: {
-            // What the Diag port holds reaches the host's side a moment after it is written:
-            // it counts as read once the host's side stayed empty for a while.
+            // What the Diag port held counts as read once the host's side stayed empty for a
+            // moment.
             Port* port = diagPort();
             const size_t unread =
                 port == nullptr || port->down ? 0 : port->queued + port->pty.unread();
