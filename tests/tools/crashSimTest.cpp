@@ -319,9 +319,13 @@ TEST(CrashSim, UnboundDeviceBoundThroughNewIdWithA32BitTableAndARefusedRegion) {
 
 // What a correct host never sends is recorded, and answered as a module would.
 TEST(CrashSim, EveryFaultOfTheHostIsRecorded) {
-    Sim sim({"--fault", "crash", "--dump-regions", "64K:A.BIN,100:B.BIN"});
+    Sim sim({"--fault", "crash", "--dump-regions", "64K:A.BIN,100:B.BIN", "--dump-driver",
+             "qcserial", "--dump-product", "90db", "--dump-port", "dump", "--tty-base", "4"});
     ASSERT_TRUE(sim.event("dump port"));
-    Host host(sim.file("diag.dump"));
+    EXPECT_EQ("90db\n", testkit::readFile(sim.tree("usb/devices/1-1/idProduct")));
+    EXPECT_TRUE(exists(sim.tree("usb/drivers/qcserial/1-1:1.0/ttyUSB7")));
+    EXPECT_FALSE(exists(sim.tree("usb/drivers/option/1-1:1.0")));
+    Host host(sim.file("dump"));
     ASSERT_EQ(0x30u, host.read(0x30).size());
     host.memoryRead(64, 0x880000000, 8);  // before HELLO_RESP
     EXPECT_EQ(memory(0x880000000, 8), host.read(8));
@@ -362,9 +366,10 @@ TEST(CrashSim, EveryFaultOfTheHostIsRecorded) {
                                         "sahara MEMORY_READ_64 address=0x88000fff8 length=0x20"));
 }
 
-// The port hangs up after exactly the bytes the fault names, and the module returns; a
-// module in another mode has every byte written to it recorded as an error.
-TEST(CrashSim, DumpPortHangsUpMidRegionAndAnotherModeWantsNothingWritten) {
+// The port hangs up after exactly the bytes the fault names, and the module returns; a table
+// announced long reads as zeros behind its entries; a module in another mode has every byte
+// written to it recorded as an error.
+TEST(CrashSim, HangUpMidRegionALongTableAndAModuleInAnotherMode) {
     {
         Sim sim({"--fault", "crash", "--fault", "dump-hangup@70000", "--dump-regions",
                  "64K:A.BIN,64K:B.BIN"});
@@ -377,6 +382,18 @@ TEST(CrashSim, DumpPortHangsUpMidRegionAndAnotherModeWantsNothingWritten) {
             sameBytes(memory(regions[1].address, 70000 - 65536), host.region(64, regions[1])));
         EXPECT_TRUE(sim.event("dump hangup after 70000 bytes"));
         EXPECT_TRUE(sim.event("return"));
+        EXPECT_TRUE(sim.errors().empty()) << joined(sim.errors());
+    }
+    {
+        Sim sim({"--fault", "crash", "--fault", "dump-table-length=200", "--dump-regions",
+                 "8:A.BIN,8:B.BIN,8:C.BIN"});
+        ASSERT_TRUE(sim.event("dump port"));
+        Host host(sim.file("diag.dump"));
+        ASSERT_EQ(0x30u, host.read(0x30).size());
+        host.helloResp();
+        EXPECT_EQ(words({0x10, 0x18}) + words({0x08600000, 200}, 8), host.read(0x18));
+        host.memoryRead(64, 0x08600000 + 2 * 64 + 44, 20 + 8);  // the last file name on
+        EXPECT_EQ("C.BIN" + std::string(23, '\0'), host.read(28));
         EXPECT_TRUE(sim.errors().empty()) << joined(sim.errors());
     }
     Sim sim({"--fault", "crash", "--fault", "dump-mode=0"});

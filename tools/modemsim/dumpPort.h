@@ -37,8 +37,7 @@ public:
     bool over() const;
 
 private:
-    // Nothing waits for the host, and nothing has for a while: bytes written into a terminal
-    // reach the host's side a moment later, so one look could come too early.
+    // Nothing waits for the host, and nothing has for a moment.
     bool drained(Clock::time_point now) const;
 
     std::string path;

@@ -217,9 +217,11 @@ bool parseDumpFault(const std::string& text, Fault* fault, std::string* error) {
         if (good && family.kind == Fault::kDumpRefuse) {
             fault->text = value;
         } else if (good && !bare) {
+            const uint64_t most =
+                family.kind == Fault::kDumpMode ? UINT32_MAX : static_cast<uint64_t>(LONG_MAX);
             good = (family.kind == Fault::kCrash ? parseNumber(value, &number)
                                                  : parseByteCount(value, &number)) &&
-                   number <= static_cast<uint64_t>(LONG_MAX);
+                   number <= most;
             if (family.kind == Fault::kCrash) {
                 fault->afterMs = static_cast<long>(number);
             } else {

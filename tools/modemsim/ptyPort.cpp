@@ -88,8 +88,15 @@ void PtyPort::hold() {
 }
 
 size_t PtyPort::unread() const {
+    if (slaveHold == -1) {
+        return 0;
+    }
+    // What the master wrote reaches the terminal's input a moment later, from a kernel
+    // worker; a poll of the terminal end moves it there first, so that the count is exact.
+    pollfd probe{slaveHold, POLLIN, 0};
+    poll(&probe, 1, 0);
     int count = 0;
-    if (slaveHold == -1 || ioctl(slaveHold, FIONREAD, &count) != 0 || count < 0) {
+    if (ioctl(slaveHold, FIONREAD, &count) != 0 || count < 0) {
         return 0;
     }
     return static_cast<size_t>(count);

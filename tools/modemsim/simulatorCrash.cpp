@@ -61,13 +61,16 @@ void Simulator::applyDumpFault(const Fault& fault) {
 }
 
 void Simulator::serviceCrash() {
+    if (crashState == Crash::kNone) {
+        return;
+    }
     const auto now = Clock::now();
     switch (crashState) {
         case Crash::kNone:
             return;
         case Crash::kDraining: {
-            // What the Diag port holds reaches the host's side a moment after it is written:
-            // it counts as read once the host's side stayed empty for a while.
+            // What the Diag port held counts as read once the host's side stayed empty for a
+            // moment.
             Port* port = diagPort();
             const size_t unread =
                 port == nullptr || port->down ? 0 : port->queued + port->pty.unread();
