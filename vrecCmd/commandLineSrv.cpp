@@ -48,14 +48,6 @@ const option kLongOptions[] = {
     {nullptr, 0, nullptr, 0}};
 // clang-format on
 
-// One help line for each option of crash dumps.
-const char* const kCrashOptionHelp[] = {
-    "  --on-crash collect|reset|leave  When the module crashes into dump mode: collect its "
-    "memory dump (default), only reset it, or leave it.",
-    "  --collect-dump             Collect the dump of a module in dump mode, reset it and end "
-    "(status 0 when complete).",
-};
-
 const char* const kUsage[] = {
     "Usage: vrec [options]",
     "Used to capture Orvane module or the datacard log in various systems.",
@@ -452,10 +444,6 @@ bool CommandLineSrv::startLog(CaptureOptions& runOptions) {
 void CommandLineSrv::showUsage() {
     std::string text;
     for (const char* line : kUsage) {
-        text += line;
-        text += '\n';
-    }
-    for (const char* line : kCrashOptionHelp) {
         text += line;
         text += '\n';
     }

@@ -18,6 +18,13 @@ bool inRange(const std::string& text, uint64_t low, uint64_t high) {
 
 }  // namespace
 
+const char* const kCrashDumpOptionHelp[2] = {
+    "  --on-crash collect|reset|leave  When the module crashes into dump mode: collect its "
+    "memory dump (default), only reset it, or leave it.",
+    "  --collect-dump             Collect the dump of a module in dump mode, reset it and end "
+    "(status 0 when complete).",
+};
+
 bool parseWholeNumber(const std::string& text, uint64_t low, uint64_t high, uint64_t* value) {
     if (text.empty()) {
         return false;

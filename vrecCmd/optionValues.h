@@ -10,6 +10,8 @@
 // Long options without a letter.
 constexpr int kOnCrashOption = 0x1701;
 constexpr int kCollectDumpOption = 0x1702;
+// One help line for each of them, for the list of long options.
+extern const char* const kCrashDumpOptionHelp[2];
 
 // A whole decimal number of digits only, from `low` to `high`.
 bool parseWholeNumber(const std::string& text, uint64_t low, uint64_t high, uint64_t* value);
