@@ -21,6 +21,7 @@
 #include "controlMessage.h"
 #include "diagImpl.h"
 #include "diagLog.h"
+#include "dumpService.h"
 #include "fileSystem.h"
 #include "moreOptions.h"
 #include "optionValues.h"
@@ -34,6 +35,7 @@ const char* const kBuildTime = __DATE__ " " __TIME__;
 const char* const kMaker = "Made by Orvane for its USB modules and datacards.";
 
 const char* const kShortOptions = "m:qip:d:l:shvc:t:f:u:r:o:";
+// clang-format off
 const option kLongOptions[] = {
     {"mdon", required_argument, nullptr, 'm'},     {"qualcomm", no_argument, nullptr, 'q'},
     {"imc", no_argument, nullptr, 'i'},            {"pcui", required_argument, nullptr, 'p'},
@@ -42,7 +44,9 @@ const option kLongOptions[] = {
     {"version", no_argument, nullptr, 'v'},        {"cycle", required_argument, nullptr, 'c'},
     {"total", required_argument, nullptr, 't'},    {"file", required_argument, nullptr, 'f'},
     {"unit", required_argument, nullptr, 'u'},     {"report", required_argument, nullptr, 'r'},
-    {"overwrite", required_argument, nullptr, 'o'}, {nullptr, 0, nullptr, 0}};
+    {"overwrite", required_argument, nullptr, 'o'},
+    {nullptr, 0, nullptr, 0}};
+// clang-format on
 
 // The table above and the long options without a short letter, for the parser.
 const option* allLongOptions() {
@@ -100,6 +104,12 @@ std::unique_ptr<LogInterface> makeDefaultImpl(const CaptureOptions& options) {
     return std::make_unique<DiagImpl>();
 }
 
+CrashAction crashActionOf(const std::string& text) {
+    return text == "reset"   ? CrashAction::Reset
+           : text == "leave" ? CrashAction::Leave
+                             : CrashAction::Collect;
+}
+
 int32_t toInt(const char* text) { return static_cast<int32_t>(strtol(text, nullptr, 10)); }
 
 // Whether the run stays alive after a successful start: a real-time capture and an
@@ -113,11 +123,17 @@ bool staysAlive(const CaptureOptions& options) {
 
 // The ERROR line for a value out of its option's rules; the run ends before anything acts.
 [[noreturn]] void refuseValue(int option, const char* value, const std::string& rule) {
-    const char* longName = "";
+    const char* longName = moreOptionName(option);
     for (const struct option& entry : kLongOptions) {
         if (entry.name != nullptr && entry.val == option) {
             longName = entry.name;
         }
+    }
+    if (option > 0xFF) {
+        consolePrint(
+            "ERROR: invalid value \"%s\" for --%s: give %s.\nUse vrec -h to see the options.\n",
+            escapeText(value).c_str(), longName, rule.c_str());
+        exit(1);
     }
     consolePrint(
         "ERROR: invalid value \"%s\" for -%c (--%s): give %s.\nUse vrec -h to see the options.\n",
@@ -188,6 +204,13 @@ int CommandLineSrv::run(int argc, char** argv) {
     int option = 0;
     while ((option = getopt_long(argc, argv, kShortOptions, allLongOptions(), nullptr)) != -1) {
         applyOption(option, optarg);
+    }
+    if (collectDump) {
+        // A run of its own: no capture, no control port, no background.
+        return DumpService::getInstance()->collectAlone([this] {
+            std::lock_guard<std::mutex> lock(stopLock);
+            return stopping;
+        });
     }
     checkOptions();
 
@@ -267,7 +290,7 @@ void CommandLineSrv::checkOptionValues(int argc, char** argv) {
     bool imc = false;
     while ((option = getopt_long(argc, words.data(), kShortOptions, longOptions, nullptr)) != -1) {
         imc = imc || option == 'i';
-        if (option >= OPT_LOGS && optarg != nullptr) {
+        if (isLogOption(option) && optarg != nullptr) {
             const std::string error = takeLogOption(option, optarg, &options.selection);
             if (!error.empty()) {
                 refuseOptions(error);
@@ -360,6 +383,12 @@ void CommandLineSrv::applyOption(int option, const char* argument) {
             break;
         case 'o':
             options.overwrite = toInt(argument) != 0;
+            break;
+        case OPT_ON_CRASH:
+            DumpService::getInstance()->setCrashAction(crashActionOf(argument));
+            break;
+        case OPT_COLLECT_DUMP:
+            collectDump = true;
             break;
         case 's':
             sendCommand("stop");
@@ -536,6 +565,12 @@ int launcherStatus(pid_t run, int startNotice) {
 }  // namespace
 
 int vrecMain(int argc, char** argv) {
+    // Collecting a dump is a run in the foreground: its status is the collection's.
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--collect-dump") == 0) {
+            return CommandLineSrv::getInstance()->run(argc, argv);
+        }
+    }
     int notice[2] = {-1, -1};
     if (pipe2(notice, O_CLOEXEC) != 0) {
         notice[0] = notice[1] = -1;

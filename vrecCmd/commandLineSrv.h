@@ -71,6 +71,7 @@ private:
     bool startSucceeded = false;
     Control control = Control::Unclaimed;
     int startNotice = -1;
+    bool collectDump = false;
 };
 
 // The program: forks, and the child runs the command line. The launching process ends

@@ -32,8 +32,18 @@ const std::vector<MoreOption>& moreOptions() {
         {"mask-file", required_argument, OPT_MASK_FILE,
          "  --mask-file FILE           Send the HDLC frames of FILE (each ending with 0x7E) "
          "as the start set"},
+        {"on-crash", required_argument, OPT_ON_CRASH,
+         "  --on-crash collect|reset|leave  When the module crashes into dump mode: collect its "
+         "memory dump (default), only reset it, or leave it"},
+        {"collect-dump", no_argument, OPT_COLLECT_DUMP,
+         "  --collect-dump             Collect the dump of a module in dump mode, reset it and "
+         "end (status 0 when complete)"},
     };
     return kOptions;
+}
+
+bool isLogOption(int code) {
+    return code >= OPT_LOGS && code <= OPT_MASK_FILE;
 }
 
 std::string moreOptionsHelp() {

@@ -13,6 +13,8 @@ enum MoreOptionCode {
     OPT_MSGS,
     OPT_EVENTS,
     OPT_MASK_FILE,
+    OPT_ON_CRASH,
+    OPT_COLLECT_DUMP,
 };
 
 struct MoreOption {
@@ -25,6 +27,8 @@ const std::vector<MoreOption>& moreOptions();
 // The text of `vrec -h` below the usage: a blank line, "More options:", one line each.
 std::string moreOptionsHelp();
 const char* moreOptionName(int code);
+// Whether `code` is one of the options that choose what is logged.
+bool isLogOption(int code);
 
 // The options that choose what a Qualcomm module logs. Takes one into `selection`; empty
 // when its value is good, else the ERROR line's text (without "ERROR: ").

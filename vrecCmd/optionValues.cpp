@@ -1,5 +1,6 @@
 #include "optionValues.h"
 
+#include "moreOptions.h"
 #include "textUtil.h"
 
 namespace {
@@ -57,6 +58,10 @@ std::string valueRule(int letter, const std::string& text) {
             return isPlainField(text)
                        ? ""
                        : "a file name without quotes, commas, blanks or control characters";
+        case OPT_ON_CRASH:
+            return text == "collect" || text == "reset" || text == "leave"
+                       ? ""
+                       : "collect, reset or leave";
         default:
             return "";
     }

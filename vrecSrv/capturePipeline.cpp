@@ -12,6 +12,7 @@
 #include "dateTime.h"
 #include "diagLog.h"
 #include "diagService.h"
+#include "dumpService.h"
 #include "portMgnt.h"
 
 namespace {
@@ -140,6 +141,7 @@ void DiagService::reconnect() {
     ring->publish();
     const uint64_t lostAt = GetTickMs();
     useconds_t pause = kReconnectPauseUs;
+    bool crashed = false;
     while (pauseUnlessStopped(pause)) {
         int port = -1;
         {
@@ -151,6 +153,10 @@ void DiagService::reconnect() {
         if (port != -1) {
             DIAG_LOG(LOG_INFO, "Diag port back %llu ms after it was lost; reading again",
                      ull(GetTickMs() - lostAt));
+            if (crashed) {
+                consolePrint("%sINFO: logging resumed at %s, in the same item.\n", kLineClear,
+                             ClockText(GetTickMs()).c_str());
+            }
             {
                 std::lock_guard<std::mutex> lock(commandLock);
                 startSetWanted = true;
@@ -158,6 +164,10 @@ void DiagService::reconnect() {
             commandWake.notify_all();
             return;
         }
+        // A module that crashed waits in dump mode: collected and reset, it comes back.
+        crashed |= DumpService::getInstance()->lookForDump(lostAt, [this] {
+            return !running || stopRequested;
+        }) == DumpService::Found::Reset;
         pause = kRegainRetryUs;
     }
 }

@@ -62,6 +62,9 @@ public:
     bool stopReadDiag();
     bool startReadThread();
 
+    // Whether the stop commands were asked for: nothing more is started after that.
+    bool stopAsked() const { return stopRequested; }
+
     void sendStartCmds();
     void sendStopCmds();
     bool sendSingleCmd(const unsigned char* bytes, int length, int selector);

@@ -9,8 +9,10 @@
 #include <system_error>
 
 #include "console.h"
+#include "dateTime.h"
 #include "diagLog.h"
 #include "diagService.h"
+#include "dumpService.h"
 #include "fileSystem.h"
 #include "pcieDiscovery.h"
 #include "portDiscovery.h"
@@ -20,6 +22,10 @@
 namespace {
 
 PortMgnt* g_portMgnt = nullptr;
+
+// A module reset out of dump mode before a capture starts is waited for this long.
+constexpr uint64_t kComebackWaitMs = 60000;
+constexpr useconds_t kComebackPollUs = 500000;
 
 const char* const kPortTypeNames[] = {
     "PCUI AND DIAG port", "MODEM", "NDIS_PORT", "WIFI", "PCUI", "DIAG"};
@@ -308,8 +314,26 @@ int PortMgnt::getPcuiHandle() {
     return pcuiPort != -1 ? pcuiPort : regainPcuiPort();
 }
 
+void PortMgnt::awaitModuleAfterDump() {
+    {
+        std::lock_guard<std::recursive_mutex> lock(handleLock);
+        if (diagPort != -1 || pcuiAsDiag || !getDiagPortName().empty()) {
+            return;
+        }
+    }
+    const auto stopped = [] { return DiagService::getInstance()->stopAsked(); };
+    if (DumpService::getInstance()->lookForDump(0, stopped) != DumpService::Found::Reset) {
+        return;
+    }
+    const uint64_t deadline = GetTickMs() + kComebackWaitMs;
+    while (!stopped() && GetTickMs() < deadline && getDiagPortName().empty()) {
+        usleep(kComebackPollUs);
+    }
+}
+
 bool PortMgnt::startReadDiag() {
     DIAG_TRACE();
+    awaitModuleAfterDump();
     int handle = -1;
     std::string path;
     {

@@ -67,6 +67,9 @@ private:
     PortMgnt();
 
     int typeOf(const std::string& name);
+    // With no Diag port to start on: a module waiting in dump mode is dealt with, and the
+    // Diag port it comes back with waited for.
+    void awaitModuleAfterDump();
     // A fresh walk of sysfs, with its log line when nothing was found.
     std::list<std::string> discoveredPorts();
     bool openInto(const std::string& name, int& handle);

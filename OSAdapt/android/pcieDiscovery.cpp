@@ -102,7 +102,7 @@ void AppendPciePorts(DevicePortInfo* info) {
     if (haveDiag && havePcui) {
         return;  // a USB module has both: PCIe ports are not looked for
     }
-    const std::string root = OS_ADAPT_GetSysfsRoot();
+    const std::string root = OS_ADAPT_SysfsRoot();
     Found found;
     findWwanPorts(root, &found);
     findMhiPorts(root, &found);

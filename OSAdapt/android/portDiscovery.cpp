@@ -106,7 +106,7 @@ void OS_ADAPT_SetSysfsRoot(const std::string& root) {
     g_sysfsRoot = root;
 }
 
-std::string OS_ADAPT_GetSysfsRoot() {
+const std::string& OS_ADAPT_SysfsRoot() {
     return g_sysfsRoot;
 }
 

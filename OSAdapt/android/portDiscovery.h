@@ -57,7 +57,7 @@ int OS_ADAPT_EnumPorts(int reserved, DevicePortInfo* info);
 // stand in for the kernel's. Empty means the real /sys.
 // The same prefix is put in front of the /dev nodes whose existence discovery tests.
 void OS_ADAPT_SetSysfsRoot(const std::string& root);
-std::string OS_ADAPT_GetSysfsRoot();
+const std::string& OS_ADAPT_SysfsRoot();
 
 // The walk's steps, reachable for tests on fake trees.
 namespace discovery {

@@ -62,7 +62,7 @@ CSerialPort& serialPort() {
 }
 
 // Raw 8N1 at 115200 with reads that never wait inside read(): the wait happens in poll.
-bool configureRaw(int fd) {
+bool configureRaw(int fd, int when = TCSAFLUSH) {
     termios tio{};
     if (tcgetattr(fd, &tio) != 0) {
         return false;
@@ -77,7 +77,7 @@ bool configureRaw(int fd) {
     cfmakeraw(&tio);
     tio.c_cc[VMIN] = 0;
     tio.c_cc[VTIME] = 0;
-    return tcsetattr(fd, TCSAFLUSH, &tio) == 0;
+    return tcsetattr(fd, when, &tio) == 0;
 }
 
 }  // namespace
@@ -178,6 +178,26 @@ int CSerialPort::Write(int handle, const void* buffer, int length, int* count) {
 
 int OS_ADAPT_Open(const char* path, int* handle) {
     return serialPort().Open(path, handle);
+}
+
+int OS_ADAPT_OpenDump(const char* path, int* handle) {
+    if (path == nullptr || path[0] == '\0' || handle == nullptr) {
+        return OS_ADAPT_FAILED;
+    }
+    const int fd = g_calls.open(path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    *handle = fd;
+    if (fd < 0) {
+        DIAG_LOG(LOG_INFO, "Open %s failed with error code %d.\n", path, errno);
+        return OS_ADAPT_FAILED;
+    }
+    // What already waits (the module's HELLO) is kept; a node that is no terminal (a PCIe
+    // port) takes no terminal attributes.
+    if (isatty(fd) && !configureRaw(fd, TCSANOW)) {
+        g_calls.close(fd);
+        *handle = -1;
+        return OS_ADAPT_FAILED;
+    }
+    return OS_ADAPT_SUCCESS;
 }
 
 int OS_ADAPT_Close(int handle) {

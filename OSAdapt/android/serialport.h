@@ -30,6 +30,9 @@ public:
 // A terminal is made raw at 115200 baud; a node that is not one but passes a stream (the
 // character devices of PCIe modules) is opened as it is, with no terminal settings.
 int OS_ADAPT_Open(const char* path, int* handle);
+// Opens a port of a module in dump mode: raw where it is a terminal, without discarding
+// what the module sent before the open.
+int OS_ADAPT_OpenDump(const char* path, int* handle);
 int OS_ADAPT_Close(int handle);
 // Waits without limit until data or a hang-up is there, then reads once. A null buffer or
 // a length of 0 asks for the number of bytes waiting instead.

@@ -82,7 +82,11 @@ const std::string kUsage =
     "off|fatal|error|high|medium|low\n"
     "  --events on|off            Event reports on or off\n"
     "  --mask-file FILE           Send the HDLC frames of FILE (each ending with 0x7E) as the "
-    "start set\n";
+    "start set\n"
+    "  --on-crash collect|reset|leave  When the module crashes into dump mode: collect its "
+    "memory dump (default), only reset it, or leave it\n"
+    "  --collect-dump             Collect the dump of a module in dump mode, reset it and end "
+    "(status 0 when complete)\n";
 
 // What a run printed after the banner that opens every run, with its build time ("Apr 12
 // 2014 16:49:57"); a run without it fails the test.
@@ -265,6 +269,7 @@ TEST(CommandLine, BadValuesEndTheRunBeforeAnyPortIsTouched) {
          "a whole number from 0 to 9999"},
         {{"-f", "logsave_1\",\"0"}, "logsave_1\",\"0", "-f (--file)", name},
         {{"-f", "dump 1"}, "dump 1", "-f (--file)", name},
+        {{"--on-crash", "dump"}, "dump", "--on-crash", "collect, reset or leave"},
     };
     std::vector<std::unique_ptr<BackgroundRun>> runs;
     for (const auto& c : cases) {

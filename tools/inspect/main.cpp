@@ -7,11 +7,13 @@
 #include <vector>
 
 #include "captureCheck.h"
+#include "dumpCheck.h"
 
 namespace {
 
 const char* const kUsage =
     "Usage: vrec-inspect [--strict] [--allow-cut-end] [--each] FILE...\n"
+    "       vrec-inspect --dump DIR [--sim-memory]\n"
     "Reads Diag captures (real_log.bin and its items) and reports bytes, HDLC frames,\n"
     "frames with a bad check sequence, bytes outside frames, DIAG packets by kind and log\n"
     "code (packets in a multi-SIM wrapper by their own), and the gaps in the sequence\n"
@@ -21,14 +23,19 @@ const char* const kUsage =
     "  --each           check every file on its own\n"
     "  --strict         count a cut frame where the stream begins as corruption\n"
     "  --allow-cut-end  accept a stream that ends inside a frame\n"
+    "  --dump DIR       check the memory dump in DIR against its dump_index.txt: files\n"
+    "                   there, sizes as stored, complete regions whole, no stray file\n"
+    "  --sim-memory     with --dump: every stored byte against vrec-modemsim's memory\n"
     "  --version        the version\n"
     "Verdicts:\n"
     "  whole            every frame closed with a good check sequence, nothing lost\n"
     "  CUT AT THE END   the stream ends inside a frame: what a capture stopped or killed\n"
     "                   mid-frame leaves, and every item but the last checked on its own\n"
     "  CORRUPT          bad check sequences, bytes outside frames, lost or damaged packets\n"
+    "  complete         (--dump) every region complete and every check passed\n"
+    "  INCOMPLETE       (--dump) regions the index does not call complete\n"
     "Exit status: 0 whole, 1 cut at the end, corruption or a gap, 2 bad usage or an\n"
-    "unreadable file.\n";
+    "unreadable file (with --dump: 0 complete, 1 incomplete or corrupt, 2 no index).\n";
 
 struct Rules {
     bool strict = false;
@@ -123,9 +130,15 @@ int main(int argc, char** argv) {
     Rules rules;
     bool each = false;
     std::vector<std::string> files;
+    std::string dumpDir;
+    bool simMemory = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (arg == "--strict") {
+        if (arg == "--dump" && i + 1 < argc) {
+            dumpDir = argv[++i];
+        } else if (arg == "--sim-memory") {
+            simMemory = true;
+        } else if (arg == "--strict") {
             rules.strict = true;
         } else if (arg == "--allow-cut-end") {
             rules.allowCutEnd = true;
@@ -144,7 +157,10 @@ int main(int argc, char** argv) {
             files.push_back(arg);
         }
     }
-    if (files.empty()) {
+    if (!dumpDir.empty() && files.empty()) {
+        return checkDumpDirectory(dumpDir, simMemory);
+    }
+    if (files.empty() || !dumpDir.empty() || simMemory) {
         fputs(kUsage, stderr);
         return 2;
     }

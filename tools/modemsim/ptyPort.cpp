@@ -1,7 +1,9 @@
 #include "ptyPort.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -19,7 +21,7 @@ std::string failure(const char* what, const std::string& path) {
 
 }  // namespace
 
-bool PtyPort::open(const std::string& link, std::string* error) {
+bool PtyPort::open(const std::string& link, std::string* error, bool holdSlave) {
     close();
     if (wwan != nullptr) {
         master = wwan->attach(wwanKind, &slaveName, error);
@@ -52,6 +54,12 @@ bool PtyPort::open(const std::string& link, std::string* error) {
     cfsetispeed(&tio, B115200);
     cfsetospeed(&tio, B115200);
     tcsetattr(slaveHold, TCSANOW, &tio);
+    if (!holdSlave) {
+        // The settings stay with the terminal; the master reports a hang-up until a host
+        // opens it.
+        ::close(slaveHold);
+        slaveHold = -1;
+    }
     fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
     return pointLink(link, error);
 }
@@ -70,6 +78,35 @@ bool PtyPort::pointLink(const std::string& link, std::string* error) {
     }
     linkPath = link;
     return true;
+}
+
+bool PtyPort::hostOpened() const {
+    if (master == -1) {
+        return false;
+    }
+    pollfd probe{master, 0, 0};
+    return poll(&probe, 1, 0) == 0 || (probe.revents & POLLHUP) == 0;
+}
+
+void PtyPort::hold() {
+    if (slaveHold == -1 && !slaveName.empty()) {
+        slaveHold = ::open(slaveName.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    }
+}
+
+size_t PtyPort::unread() const {
+    if (slaveHold == -1) {
+        return 0;
+    }
+    // What the master wrote reaches the terminal's input a moment later, from a kernel
+    // worker; a poll of the terminal end moves it there first, so that the count is exact.
+    pollfd probe{slaveHold, POLLIN, 0};
+    poll(&probe, 1, 0);
+    int count = 0;
+    if (ioctl(slaveHold, FIONREAD, &count) != 0 || count < 0) {
+        return 0;
+    }
+    return static_cast<size_t>(count);
 }
 
 void PtyPort::close() {

@@ -17,13 +17,21 @@ public:
     PtyPort& operator=(const PtyPort&) = delete;
 
     // Makes the terminal and points `link` at it. False, with the reason in `error`.
-    bool open(const std::string& link, std::string* error);
     // From now on the port is a file of `fs` that is not a terminal, not a pseudo-terminal;
     // closing it is a loss of the port there.
     void serveThrough(WwanFs* fs, WwanFs::Kind kind) {
         wwan = fs;
         wwanKind = kind;
     }
+    // Without `holdSlave` the simulator does not keep the terminal end open: until a host
+    // opens it, hostOpened() says no.
+    bool open(const std::string& link, std::string* error, bool holdSlave = true);
+    // Whether a host has the terminal end open now (always true while the simulator holds it).
+    bool hostOpened() const;
+    // Keeps the terminal end open from now on, as open() does by default.
+    void hold();
+    // Bytes written into the terminal that the host has not read yet.
+    size_t unread() const;
     // Closes both ends and takes the link away, as when a module drops off the bus: a host
     // that holds the terminal end gets a hang-up.
     void close();

@@ -45,6 +45,13 @@ bool isPortName(const std::string& name) {
 }  // namespace
 
 bool parseFault(const std::string& text, Fault* fault, std::string* error) {
+    error->clear();
+    if (parseDumpFault(text, fault, error)) {
+        return true;
+    }
+    if (!error->empty()) {
+        return false;
+    }
     *fault = Fault();
     fault->given = text;
     const size_t equals = text.find('=');
@@ -148,7 +155,8 @@ const char* simUsage() {
            "  --record FILE          one line per thing received: MS PORT KIND DATA, where KIND "
            "is\n"
            "                         frame, badfcs, junk (hex), tunnel (ID TEXT), badtunnel,\n"
-           "                         text, at (escaped text) or event (words)\n"
+           "                         text, at (escaped text) or event (words); the dump\n"
+           "                         port's lines: dump sahara|junk|error|new_id DATA\n"
            "  --control PATH         FIFO that takes lines: a fault, \"stats\" or \"quit\"\n"
            "  --fault FAULT          hangup=PORT[:MS]  close PORT (diag|pcui|port|all) and make\n"
            "                                           it again after MS (default 1000)\n"
@@ -157,7 +165,36 @@ const char* simUsage() {
            "                         split=N           answers in writes of N bytes, 20 ms apart\n"
            "                         unsolicited=TEXT  the line TEXT before every answer\n"
            "                         rsfr-stop=N       a file transfer fails after N pieces\n"
+           "                         crash[@MS]        the firmware crashes, at once or MS after\n"
+           "                                           the start: see Crash below\n"
            "                         Numeric faults take \"@MS\" to wait MS after the start.\n"
+           "                         Faults of the dump port (no @MS; BYTES take K, M, G):\n"
+           "                         dump-hangup@BYTES the port hangs up after BYTES region\n"
+           "                                           bytes; the module returns as after RESET\n"
+           "                         dump-silent@BYTES nothing more is sent after BYTES region\n"
+           "                                           bytes; RESET still reboots the module\n"
+           "                         dump-refuse=REGION END_IMAGE_TX status 0x19 instead of the\n"
+           "                                           data of REGION (number from 0, or file)\n"
+           "                         dump-mode=N       HELLO with mode N (0: download mode);\n"
+           "                                           then any byte received is an error\n"
+           "                         dump-table-length=BYTES  MEMORY_DEBUG announces BYTES; the\n"
+           "                                           table reads as zeros behind its entries\n"
+           "Crash (the fault crash): the Diag and PCUI ports hang up, the sysfs tree shows a\n"
+           "05C6:900E device, a dump port speaks Sahara memory debug; RESET, then --reboot-ms\n"
+           "later the module is back. Region bytes follow the rule of vrec-inspect --dump.\n"
+           "  --dump-regions SPEC    SIZE[@ADDR]:FILE[:DESCRIPTION],... SIZE and ADDR decimal\n"
+           "                         or 0x hex, SIZE with K, M or G; names at most 20 bytes\n"
+           "                         (default 2M:DDRCS0.BIN:DDR CS0,70001:OCIMEM.BIN:OCIMEM,\n"
+           "                         4K:CODERAM.BIN:CODE RAM)\n"
+           "  --dump-table 32|64     MEMORY_DEBUG and 52-byte entries, or MEMORY_DEBUG_64 and\n"
+           "                         64-byte entries (default 64)\n"
+           "  --dump-port PATH       the dump port's link (default: Diag port's path + .dump)\n"
+           "  --dump-unbound         no driver holds the dump interface until \"05c6 900e\" is\n"
+           "                         written to sys/bus/usb-serial/drivers/option1/new_id\n"
+           "  --dump-driver NAME     the driver that holds it: option (default) or qcserial\n"
+           "  --dump-product PID     product ID in dump mode (default 900E)\n"
+           "  --reboot-ms MS         from the dump port's hang-up (after RESET_RESP) to the\n"
+           "                         normal module's return (default 3000)\n"
            "Discovery:\n"
            "  --sysfs DIR            write DIR/sys/bus/usb/... for the module (alone: then exit);\n"
            "                         with --wwan DIR/sys/class/wwan instead, kept up to date\n"
@@ -202,6 +239,7 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
         kProtocol,
         kTtyBase,
         kWwan,
+        kDumpOption,  // the --dump-* options and --reboot-ms, handled by their name
         kHelp,
         kVersion
     };
@@ -232,13 +270,21 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                                    {"product", required_argument, nullptr, kProduct},
                                    {"protocol-roles", no_argument, nullptr, kProtocol},
                                    {"tty-base", required_argument, nullptr, kTtyBase},
+                                   {"dump-regions", required_argument, nullptr, kDumpOption},
+                                   {"dump-table", required_argument, nullptr, kDumpOption},
+                                   {"dump-port", required_argument, nullptr, kDumpOption},
+                                   {"dump-unbound", no_argument, nullptr, kDumpOption},
+                                   {"dump-driver", required_argument, nullptr, kDumpOption},
+                                   {"dump-product", required_argument, nullptr, kDumpOption},
+                                   {"reboot-ms", required_argument, nullptr, kDumpOption},
                                    {"help", no_argument, nullptr, kHelp},
                                    {"version", no_argument, nullptr, kVersion},
                                    {nullptr, 0, nullptr, 0}};
     optind = 1;
     opterr = 0;
     int opt = 0;
-    while ((opt = getopt_long(argc, argv, "h", kLong, nullptr)) != -1) {
+    int longIndex = 0;
+    while ((opt = getopt_long(argc, argv, "h", kLong, &longIndex)) != -1) {
         const std::string arg = optarg == nullptr ? "" : optarg;
         long number = 0;
         const bool numeric = parseNumber(arg, &number);
@@ -353,6 +399,12 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                 options->faults.push_back(fault);
                 break;
             }
+            case kDumpOption:
+                if (!parseDumpOption(kLong[longIndex].name, arg, &options->dump, &error)) {
+                    fprintf(stderr, "vrec-modemsim: %s\n", error.c_str());
+                    return 2;
+                }
+                break;
             case 'h':
             case kHelp:
                 fputs(simUsage(), stdout);
@@ -380,6 +432,18 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
     }
     if (!split && options->sharedLink.empty() && options->sysfsRoot.empty()) {
         fprintf(stderr, "vrec-modemsim: no port given\n%s", simUsage());
+        return 2;
+    }
+    if (options->dump.unbound && options->sysfsRoot.empty()) {
+        fprintf(stderr, "vrec-modemsim: --dump-unbound needs --sysfs: the tree holds new_id\n");
+        return 2;
+    }
+    std::string error;
+    const std::string& first = !options->diagLink.empty()     ? options->diagLink
+                               : !options->sharedLink.empty() ? options->sharedLink
+                                                              : options->pcuiLink;
+    if (!completeDumpSetup(&options->dump, first, &error)) {
+        fprintf(stderr, "vrec-modemsim: %s\n", error.c_str());
         return 2;
     }
     return 0;

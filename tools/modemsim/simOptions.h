@@ -6,6 +6,7 @@
 
 #include "atModule.h"
 #include "maskState.h"
+#include "dumpSetup.h"
 #include "sysfsTree.h"
 
 namespace vtools {
@@ -13,12 +14,18 @@ namespace vtools {
 // A fault, as given to --fault or written to the control FIFO.
 struct Fault {
     enum Kind {
-        kHangup,        // port: "diag", "pcui", "port" or "all"; value: ms until it comes back
-        kSilent,        // port (or "off"): read and record, but send nothing
-        kError,         // text: commands starting with AT+text get ERROR ("" clears)
-        kSplit,         // value: answers go out in writes of this many bytes (0: whole)
-        kUnsolicited,   // text: a line sent before every answer ("" clears)
-        kStopTransfer,  // value: a file transfer fails after this many pieces (0: never)
+        kHangup,           // port: "diag", "pcui", "port" or "all"; value: ms until it comes back
+        kSilent,           // port (or "off"): read and record, but send nothing
+        kError,            // text: commands starting with AT+text get ERROR ("" clears)
+        kSplit,            // value: answers go out in writes of this many bytes (0: whole)
+        kUnsolicited,      // text: a line sent before every answer ("" clears)
+        kStopTransfer,     // value: a file transfer fails after this many pieces (0: never)
+        kCrash,            // the firmware crashes: dump mode until RESET, then a reboot
+        kDumpHangup,       // value: the dump port hangs up after this many region bytes
+        kDumpRefuse,       // text: the region (number or file name) answered by END_IMAGE_TX
+        kDumpSilent,       // value: the dump port stops answering after this many region bytes
+        kDumpMode,         // value: the mode HELLO announces
+        kDumpTableLength,  // value: the table length MEMORY_DEBUG announces
     };
     Kind kind = kSilent;
     std::string port;
@@ -31,6 +38,10 @@ struct Fault {
 // Parses "hangup=diag:500@2000", "silent", "silent=pcui", "silent=off", "error=^MDSL",
 // "split=3", "unsolicited=^BOOT: 1", "rsfr-stop=2". False with a message for anything else.
 bool parseFault(const std::string& text, Fault* fault, std::string* error);
+// The crash and its dump-mode faults: "crash", "crash@MS", "dump-hangup@BYTES",
+// "dump-refuse=REGION", "dump-silent@BYTES", "dump-mode=N", "dump-table-length=BYTES".
+// False, with `error` empty, for a fault of another family.
+bool parseDumpFault(const std::string& text, Fault* fault, std::string* error);
 
 struct SimOptions {
     std::string diagLink;
@@ -57,6 +68,7 @@ struct SimOptions {
     AtModuleConfig at;
     bool echo = true;
     std::vector<Fault> faults;
+    DumpSetup dump;
 };
 
 const char* simUsage();

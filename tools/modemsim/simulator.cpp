@@ -663,6 +663,14 @@ void Simulator::applyFault(const Fault& fault) {
         case Fault::kStopTransfer:
             module.stopTransferAfter = static_cast<int>(fault.value);
             break;
+        case Fault::kCrash:
+        case Fault::kDumpHangup:
+        case Fault::kDumpRefuse:
+        case Fault::kDumpSilent:
+        case Fault::kDumpMode:
+        case Fault::kDumpTableLength:
+            crashFault(fault);
+            break;
     }
 }
 
@@ -754,7 +762,8 @@ int Simulator::run() {
             }
         }
         pump();
-        bool waiting = streaming;
+        serviceCrash();
+        bool waiting = streaming || crashState != Crash::kNone;
         for (auto& port : ports) {
             flush(*port);
             waiting = waiting || port->queued > 0 || port->down;
@@ -775,6 +784,9 @@ int Simulator::run() {
             fds.push_back({port->pty.fd(), events, 0});
             polled.push_back(port.get());
         }
+        short dumpEvents = 0;
+        const int dumpFd = dumpPort ? dumpPort->pollFd(&dumpEvents) : -1;
+        fds.push_back({dumpFd, dumpEvents, 0});  // a negative descriptor is passed over
         fds.push_back({signalFd, POLLIN, 0});
         if (controlFd != -1) {
             fds.push_back({controlFd, POLLIN, 0});
@@ -789,7 +801,8 @@ int Simulator::run() {
                 readPort(*polled[i]);
             }
         }
-        if ((fds[polled.size()].revents & POLLIN) != 0) {
+        const size_t signalAt = polled.size() + 1;
+        if ((fds[signalAt].revents & POLLIN) != 0) {
             signalfd_siginfo info{};
             while (read(signalFd, &info, sizeof(info)) == sizeof(info)) {
                 if (info.ssi_signo == SIGUSR1) {
@@ -799,7 +812,7 @@ int Simulator::run() {
                 }
             }
         }
-        if (controlFd != -1 && (fds[polled.size() + 1].revents & POLLIN) != 0) {
+        if (controlFd != -1 && (fds[signalAt + 1].revents & POLLIN) != 0) {
             readControl();
         }
     }

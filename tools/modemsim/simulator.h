@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "atModule.h"
+#include "dumpPort.h"
 #include "hdlc.h"
 #include "maskState.h"
 #include "ptyPort.h"
@@ -97,6 +98,14 @@ private:
     Port* diagPort();
 
     void applyFault(const Fault& fault);
+    // The crash and dump mode (simulatorCrash.cpp).
+    void crashFault(const Fault& fault);
+    void serviceCrash();  // each round: the steps of a crash under way
+    void enterDumpMode();
+    void openDumpPort();
+    void watchNewId();
+    void leaveDumpMode();
+    void applyDumpFault(const Fault& fault);
     void hangup(Port& port, long downMs);
     void reopen(Port& port);
     void readControl();
@@ -127,6 +136,14 @@ private:
     std::vector<std::string> replayFrames;
     size_t replayNext = 0;
     MaskState masks;
+
+    enum class Crash { kNone, kDraining, kDump, kRebooting };
+    Crash crashState = Crash::kNone;
+    Clock::time_point crashDeadline;    // draining: its end; rebooting: the return
+    Clock::time_point crashEmptySince;  // draining: since when the host's side is empty
+    std::unique_ptr<DumpPort> dumpPort;
+    std::vector<Fault> dumpFaults;  // for every dump, in the order given
+    SysfsDumpDevice dumpDevice;
 };
 
 }  // namespace vtools

@@ -80,6 +80,84 @@ bool writeSysfsTree(const std::string& root, const SysfsModule& module, std::str
     return true;
 }
 
+namespace {
+
+const char* const kDumpDevice = "1-1";
+const char* const kDumpInterface = "1-1:1.0";
+
+std::string lower(std::string text) {
+    for (char& c : text) {
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    }
+    return text;
+}
+
+bool makeLink(const std::string& target, const std::string& path, std::string* error) {
+    unlink(path.c_str());
+    if (symlink(target.c_str(), path.c_str()) != 0) {
+        *error = "symlink(" + path + ") failed: " + strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+void removeSysfsModule(const std::string& root) {
+    std::error_code ignored;
+    for (const Interface& iface : kInterfaces) {
+        const std::string name = "1-1:1." + std::to_string(iface.number);
+        std::filesystem::remove(root + "/sys/bus/usb/devices/" + name, ignored);
+        std::filesystem::remove_all(root + "/sys/bus/usb/drivers/option/" + name, ignored);
+    }
+}
+
+std::string sysfsNewIdPath(const std::string& root) {
+    return root + "/sys/bus/usb-serial/drivers/option1/new_id";
+}
+
+bool writeSysfsDumpDevice(const std::string& root, const SysfsDumpDevice& device, bool bound,
+                          std::string* error) {
+    const std::string devices = root + "/sys/bus/usb/devices";
+    const std::string dir = devices + "/" + kDumpDevice;
+    const std::string iface = dir + "/" + kDumpInterface;
+    const std::string modalias =
+        "usb:v05C6p" + device.product + "d0000dc00dsc00dp00icFFiscFFipFFin00\n";
+    const bool written = makeDirs(iface, error) &&
+                         makeDirs(root + "/sys/bus/usb-serial/drivers/option1", error) &&
+                         writeText(dir + "/idVendor", "05c6\n", error) &&
+                         writeText(dir + "/idProduct", lower(device.product) + "\n", error) &&
+                         writeText(dir + "/bNumInterfaces", " 1\n", error) &&
+                         writeText(iface + "/modalias", modalias, error) &&
+                         writeText(iface + "/bInterfaceClass", "ff\n", error) &&
+                         writeText(iface + "/bInterfaceSubClass", "ff\n", error) &&
+                         writeText(iface + "/bInterfaceProtocol", "ff\n", error) &&
+                         writeText(iface + "/bInterfaceNumber", "00\n", error) &&
+                         writeText(sysfsNewIdPath(root), "", error) &&
+                         makeLink(std::string(kDumpDevice) + "/" + kDumpInterface,
+                                  devices + "/" + kDumpInterface, error);
+    return written && (!bound || bindSysfsDumpDevice(root, device, error));
+}
+
+bool bindSysfsDumpDevice(const std::string& root, const SysfsDumpDevice& device,
+                         std::string* error) {
+    const std::string iface = root + "/sys/bus/usb/devices/" + kDumpDevice + "/" + kDumpInterface;
+    const std::string driver = root + "/sys/bus/usb/drivers/" + device.driver;
+    // The tty first: a host that sees the driver's entry finds the tty under it.
+    return makeDirs(iface + "/" + device.tty, error) && makeDirs(driver, error) &&
+           makeLink("../../../drivers/" + device.driver, iface + "/driver", error) &&
+           makeLink(std::string("../../devices/") + kDumpDevice + "/" + kDumpInterface,
+                    driver + "/" + kDumpInterface, error);
+}
+
+void removeSysfsDumpDevice(const std::string& root, const SysfsDumpDevice& device) {
+    std::error_code ignored;
+    std::filesystem::remove(root + "/sys/bus/usb/drivers/" + device.driver + "/" + kDumpInterface,
+                            ignored);
+    std::filesystem::remove(root + "/sys/bus/usb/devices/" + std::string(kDumpInterface), ignored);
+    std::filesystem::remove_all(root + "/sys/bus/usb/devices/" + std::string(kDumpDevice), ignored);
+}
+
 bool writeWwanTree(const std::string& root, const std::vector<WwanPortEntry>& ports,
                    std::string* error) {
     // The modem's place on the PCI bus and its MHI controller, where the kernel puts it.

@@ -31,6 +31,24 @@ struct WwanPortEntry {
 // devices' tree under the modem's MHI controller. What stood there before goes.
 bool writeWwanTree(const std::string& root, const std::vector<WwanPortEntry>& ports,
                    std::string* error);
+// The module in dump mode: device 1-1 (vendor 05c6) with its one interface 1-1:1.0 under
+// sys/bus/usb/devices, held by `driver` with the tty `tty` once bound, and the option1
+// driver's new_id file under sys/bus/usb-serial.
+struct SysfsDumpDevice {
+    std::string product = "900E";
+    std::string driver = "option";
+    std::string tty = "ttyUSB3";
+};
+
+// Takes the normal module's interfaces out of the tree.
+void removeSysfsModule(const std::string& root);
+bool writeSysfsDumpDevice(const std::string& root, const SysfsDumpDevice& device, bool bound,
+                          std::string* error);
+bool bindSysfsDumpDevice(const std::string& root, const SysfsDumpDevice& device,
+                         std::string* error);
+void removeSysfsDumpDevice(const std::string& root, const SysfsDumpDevice& device);
+// The file through which a host makes the option driver take a device.
+std::string sysfsNewIdPath(const std::string& root);
 
 }  // namespace vtools
 
