@@ -201,8 +201,39 @@ bool PortMgnt::openPort(const std::string& name) {
 
 bool PortMgnt::openPcuiPort() {
     std::lock_guard<std::recursive_mutex> lock(handleLock);
-    return givenPcuiName.empty() ? openPort(getPcuiPortName())
-                                 : openPcuiPortByName(givenPcuiName.c_str());
+    if (!givenPcuiName.empty()) {
+        return openPcuiPortByName(givenPcuiName.c_str());
+    }
+    const std::string name = getPcuiPortName();
+    const bool opened = openPort(name);
+    notePcuiOpen(name, opened, errno);
+    return opened;
+}
+
+void PortMgnt::notePcuiOpen(const std::string& name, bool opened, int error) {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    if (!name.empty()) {
+        lastPcuiName = name;
+    }
+    if (opened) {
+        pcuiTrouble.clear();
+        return;
+    }
+    const std::string what =
+        name.empty() ? "no PCUI port of a module was found" : name + ": " + strerror(error);
+    if (pcuiTrouble.find(what) == std::string::npos) {
+        pcuiTrouble += (pcuiTrouble.empty() ? "" : "; ") + what;
+    }
+}
+
+std::string PortMgnt::pcuiFailure() const {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    return pcuiTrouble;
+}
+
+std::string PortMgnt::pcuiName() const {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    return pcuiPortName.empty() ? lastPcuiName : pcuiPortName;
 }
 
 bool PortMgnt::openDiagPortByName(const char* name) {
@@ -228,7 +259,9 @@ bool PortMgnt::openPcuiPortByName(const char* name) {
     }
     DIAG_LOG(LOG_INFO, "Open Pcui Port name: %s\n", name);
     std::lock_guard<std::recursive_mutex> lock(handleLock);
-    if (!openInto(name, pcuiPort)) {
+    const bool opened = openInto(name, pcuiPort);
+    notePcuiOpen(name, opened, errno);
+    if (!opened) {
         DIAG_LOG(LOG_ERRO, "open pcui port failed.");
         return false;
     }
@@ -258,8 +291,11 @@ int PortMgnt::regainDiagPort() {
 
 int PortMgnt::regainPcuiPort() {
     std::lock_guard<std::recursive_mutex> lock(handleLock);
-    return regain(pcuiPort, pcuiPortName.empty() ? givenPcuiName : pcuiPortName,
-                  &PortMgnt::getPcuiPortName, "Pcui");
+    const std::string stored = pcuiPortName.empty() ? givenPcuiName : pcuiPortName;
+    const std::string name = stored.empty() ? getPcuiPortName() : stored;
+    const int handle = regain(pcuiPort, name, &PortMgnt::getPcuiPortName, "Pcui");
+    notePcuiOpen(name, handle != -1, errno);
+    return handle;
 }
 
 int PortMgnt::getDiagHandle() {

@@ -56,6 +56,12 @@ public:
     bool setSavePath(const std::string& path);
     std::string getSavePath() const;
 
+    // Why the PCUI port could not be had, as "NAME: reason" for each way that was tried since
+    // it was last open; empty when nothing failed.
+    std::string pcuiFailure() const;
+    // The name of the PCUI port in use or last tried, for the user's lines.
+    std::string pcuiName() const;
+
     bool isPcuiAsDiag() const;
     bool isReading() const;
 
@@ -77,6 +83,9 @@ private:
     // Names, once each, the other processes that have the port open: they would take bytes
     // of the stream or answers meant for this run.
     void warnOtherHolders(const std::string& name);
+    // Remembers a failed open of the PCUI port (an empty name: none was found), or forgets
+    // them all after a success.
+    void notePcuiOpen(const std::string& name, bool opened, int error);
 
     // Handles change under this lock so that a regain on one thread and a close on another
     // never close a descriptor twice nor lend one that was closed.
@@ -86,6 +95,8 @@ private:
     // The PCUI port named with -p: a closed PCUI port is opened again by this name, which
     // discovery may never find.
     std::string givenPcuiName;
+    std::string pcuiTrouble;
+    std::string lastPcuiName;
     int diagPort = -1;
     int pcuiPort = -1;
     bool pcuiAsDiag = false;

@@ -63,11 +63,14 @@ int CSerialPort::Open(const char* path, int* handle) {
         if (err == EACCES) {
             DIAG_LOG(LOG_INFO, "\tPermission denied.\n");
         }
+        errno = err;  // the caller tells the user why
         return OS_ADAPT_FAILED;
     }
     if (!configureRaw(fd)) {
+        const int err = errno;
         g_calls.close(fd);
         *handle = -1;
+        errno = err;
         return OS_ADAPT_FAILED;
     }
     return OS_ADAPT_SUCCESS;
