@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -23,12 +24,14 @@ void walkGroups(const std::string& text, OnByte onByte, OnGroupEnd onGroupEnd) {
         if (close == std::string::npos) {
             return;  // an unclosed group ends the text; earlier groups stand
         }
-        for (size_t at = text.find("0x", open + 1); at != std::string::npos && at + 1 < close;
-             at = text.find("0x", at + 1)) {
+        // The search stays inside the group, so that a text of many groups costs one pass.
+        const std::string_view group(text.data() + open + 1, close - open - 1);
+        for (size_t at = group.find("0x"); at != std::string_view::npos;
+             at = group.find("0x", at + 1)) {
             // The token is up to four characters, cut at the group's end; digits behind the
             // second are not read, and a token without digits gives 0.
             char token[5] = {};
-            text.copy(token, std::min<size_t>(4, close - at), at);
+            group.copy(token, 4, at);
             onByte(static_cast<unsigned char>(strtoul(token, nullptr, 16) & 0xFF));
         }
         onGroupEnd();

@@ -293,6 +293,26 @@ bool DiagService::checkCommandFiles() {
     return true;
 }
 
+bool DiagService::getFileCmds(const std::string& text,
+                              std::map<int, std::vector<std::string>>& groups) {
+    groups.clear();
+    size_t position = 0;
+    int number = 0;
+    for (;;) {
+        const size_t open = text.find('{', position);
+        if (open == std::string::npos) {
+            break;
+        }
+        const size_t close = text.find('}', open);
+        if (close == std::string::npos) {
+            break;
+        }
+        groups[number++] = splitHexTokens(text.substr(open + 1, close - open - 1));
+        position = close + 1;
+    }
+    return true;
+}
+
 std::vector<std::string> DiagService::splitHexTokens(const std::string& group) {
     std::vector<std::string> tokens;
     size_t position = 0;
