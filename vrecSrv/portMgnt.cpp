@@ -272,11 +272,14 @@ bool PortMgnt::openPcuiPortByName(const char* name) {
 }
 
 int PortMgnt::regain(int& handle, const std::string& storedName, std::string (PortMgnt::*find)(),
-                     const char* side) {
+                     const char* side, std::string* used) {
     std::lock_guard<std::recursive_mutex> lock(handleLock);
     releaseHandle(handle);
     // A stored name is used as it is, without a new walk of sysfs.
     const std::string name = storedName.empty() ? (this->*find)() : storedName;
+    if (used != nullptr) {
+        *used = name;
+    }
     if (name.empty() || !openInto(name, handle)) {
         DIAG_LOG(LOG_INFO, "Regain %s port error", side);
         return -1;
@@ -291,9 +294,9 @@ int PortMgnt::regainDiagPort() {
 
 int PortMgnt::regainPcuiPort() {
     std::lock_guard<std::recursive_mutex> lock(handleLock);
-    const std::string stored = pcuiPortName.empty() ? givenPcuiName : pcuiPortName;
-    const std::string name = stored.empty() ? getPcuiPortName() : stored;
-    const int handle = regain(pcuiPort, name, &PortMgnt::getPcuiPortName, "Pcui");
+    std::string name;
+    const int handle = regain(pcuiPort, pcuiPortName.empty() ? givenPcuiName : pcuiPortName,
+                              &PortMgnt::getPcuiPortName, "Pcui", &name);
     notePcuiOpen(name, handle != -1, errno);
     return handle;
 }

@@ -77,7 +77,7 @@ private:
     std::list<std::string> discoveredPorts();
     bool openInto(const std::string& name, int& handle);
     int regain(int& handle, const std::string& storedName, std::string (PortMgnt::*find)(),
-               const char* side);
+               const char* side, std::string* used = nullptr);
     // Closes a handle once, also where both sides share the descriptor.
     void releaseHandle(int& handle);
     // Names, once each, the other processes that have the port open: they would take bytes
