@@ -122,9 +122,16 @@ bool DiagService::waitForSetup() {
     // The writer names its first file and makes it during set-up; the start line shows that
     // name, and the start set waits for the file. A stop ends the wait.
     std::unique_lock<std::mutex> lock(setupLock);
+    const uint64_t deadline = GetTickMs() + kSetupLimitMs;
     while (!setupDone.wait_for(lock, std::chrono::microseconds(kStartSettleUs),
                                [this] { return setupFinished; })) {
         if (!running) {
+            return false;
+        }
+        if (GetTickMs() > deadline) {
+            consolePrint("%sERROR: the log file %s/real_log.bin was not made within %d s: the "
+                         "storage does not answer.\n",
+                         kLineClear, savePath.c_str(), kSetupLimitMs / 1000);
             return false;
         }
     }

@@ -43,6 +43,8 @@ public:
     static constexpr useconds_t kStartSettleUs = 30000;
     // The longest a stop set may take; a stop must end within a service manager's limit.
     static constexpr int kStopSetLimitMs = 5000;
+    // The longest the start waits for the log file to be made before it gives up.
+    static constexpr int kSetupLimitMs = 10000;
 
     static DiagService* getInstance();
     static void destroy();
