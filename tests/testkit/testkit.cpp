@@ -12,7 +12,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -56,15 +55,10 @@ std::vector<pid_t> processesInGroup(pid_t group, bool ownOnly) {
 
 // Collects `pid` once it has ended; false if it still runs after `timeoutMs`. A process
 // that another one collected before us ends with `collected`, where that is given.
-bool reap(pid_t pid, bool* done, int* exitStatus, int timeoutMs, const int* collected = nullptr,
-          long* peakRssKb = nullptr) {
+bool reap(pid_t pid, bool* done, int* exitStatus, int timeoutMs, const int* collected = nullptr) {
     const auto ended = [&] {
         int status = 0;
-        rusage usage{};
-        const pid_t got = wait4(pid, &status, WNOHANG, &usage);
-        if (got == pid && peakRssKb != nullptr) {
-            *peakRssKb = std::max(*peakRssKb, usage.ru_maxrss);  // with what it collected
-        }
+        const pid_t got = waitpid(pid, &status, WNOHANG);
         if (got == -1 && errno == ECHILD && collected != nullptr) {
             *exitStatus = *collected;
             return *done = true;
@@ -337,9 +331,7 @@ BackgroundRun::~BackgroundRun() {
 }
 
 int BackgroundRun::launcherStatus(int timeoutMs) {
-    return reap(launcher, &launcherDone, &launcherExit, timeoutMs, nullptr, &peakRss)
-               ? launcherExit
-               : -1;
+    return reap(launcher, &launcherDone, &launcherExit, timeoutMs) ? launcherExit : -1;
 }
 
 pid_t BackgroundRun::childPid(int timeoutMs) {
@@ -361,7 +353,7 @@ bool BackgroundRun::signalChild(int signal, int timeoutMs) {
 int BackgroundRun::childStatus(int timeoutMs) {
     const auto start = Clock::now();
     const auto left = [&] { return static_cast<int>(std::max(0L, timeoutMs - msSince(start))); };
-    if (!reap(launcher, &launcherDone, &launcherExit, timeoutMs, nullptr, &peakRss)) {
+    if (!reap(launcher, &launcherDone, &launcherExit, timeoutMs)) {
         return -1;
     }
     // A launcher that waited for the end of its child has collected it and passed its
@@ -369,7 +361,7 @@ int BackgroundRun::childStatus(int timeoutMs) {
     if (childPid(0) <= 0) {
         return launcherExit;
     }
-    return reap(child, &childDone, &childExit, left(), &launcherExit, &peakRss) ? childExit : -1;
+    return reap(child, &childDone, &childExit, left(), &launcherExit) ? childExit : -1;
 }
 
 bool BackgroundRun::waitForOutput(const std::string& needle, int timeoutMs) {

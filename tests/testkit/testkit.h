@@ -116,9 +116,6 @@ public:
     // Exit status of the forked child, the same way.
     int childStatus(int timeoutMs = 10000);
     pid_t childPid(int timeoutMs = 5000);
-    // The largest resident set of the run's processes that have ended, in KiB (the kernel's
-    // count, as /proc/PID/status gives it as VmHWM while they live); -1 before any ended.
-    long peakRssKb() const { return peakRss; }
     // Signals the forked child; false, with nothing sent, when there is none.
     bool signalChild(int signal, int timeoutMs = 5000);
     bool waitForOutput(const std::string& needle, int timeoutMs = 10000);
@@ -135,7 +132,6 @@ private:
     int childExit = -1;
     bool launcherDone = false;
     bool childDone = false;
-    long peakRss = -1;
 };
 
 // Runs a program to its end and returns its exit status (-1 on time-out) with what it
