@@ -162,6 +162,20 @@ TEST(Failures, ALogFileThatCannotBeMadeOrWrittenEndsTheStartBeforeTheModule) {
     }
 }
 
+// A medium whose creates fail with EIO: the same, with the system's reason.
+TEST(Failures, CreatesThatFailWithEioEndTheStartBeforeTheModule) {
+    testkit::StallFs storage({"--eio-creates"});
+    if (!storage.mounted()) {
+        GTEST_SKIP() << storage.whyNot();
+    }
+    testkit::isolateNetwork();
+    Sim sim({});
+    const Ended vrec({"-d", "./diag", "-l", storage.dir()}, sim.path());
+    expectRefused(vrec, "ERROR: can't create the log file " + storage.dir() +
+                            "/real_log.bin: Input/output error\n");
+    EXPECT_TRUE(sim.arrived("diag").empty());
+}
+
 // Started with standard input, output and error closed, as a service manager may start
 // it, the launcher still ends with the run's own status.
 TEST(Failures, ClosedStandardStreamsLeaveTheStatusTrue) {
