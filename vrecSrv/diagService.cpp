@@ -284,7 +284,8 @@ bool DiagService::sendCmdInFile(const std::string& path, int selector) {
 bool DiagService::readCmdFile(const std::string& path, std::string& text) {
     std::string bytes;
     const bool whole = readSuppliedFile(path, bytes, CommandList::kFileLimitBytes);
-    text = bytes.c_str();  // a NUL byte in the file ends the text
+    bytes.resize(strlen(bytes.c_str()));  // a NUL byte in the file ends the text
+    text.swap(bytes);                     // without a second copy
     return whole;
 }
 
