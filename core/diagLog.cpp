@@ -2,8 +2,12 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdarg>
+#include <filesystem>
 #include <mutex>
+#include <vector>
 
 #include "dateTime.h"
 #include "fileSystem.h"
@@ -81,9 +85,47 @@ std::string DiagLogFile::NextBackupName() const {
     }
 }
 
+void DiagLogFile::PruneBackups(size_t keep) const {
+    namespace fs = std::filesystem;
+    const fs::path log(path);
+    const std::string stem = log.stem().string() + "_backup_";
+    struct Backup {
+        fs::file_time_type time;
+        unsigned long number;
+        fs::path file;
+    };
+    std::vector<Backup> backups;
+    std::error_code error;
+    const fs::path dir = log.has_parent_path() ? log.parent_path() : fs::path(".");
+    for (fs::directory_iterator it(dir, error), end; !error && it != end; it.increment(error)) {
+        const std::string name = it->path().filename().string();
+        if (name.size() <= stem.size() + 4 || name.compare(0, stem.size(), stem) != 0 ||
+            name.compare(name.size() - 4, 4, ".log") != 0) {
+            continue;
+        }
+        const std::string digits = name.substr(stem.size(), name.size() - stem.size() - 4);
+        if (digits.find_first_not_of("0123456789") != std::string::npos || digits.size() > 9) {
+            continue;
+        }
+        std::error_code timeError;
+        backups.push_back(
+            {fs::last_write_time(it->path(), timeError), std::stoul(digits), it->path()});
+    }
+    if (backups.size() < keep) {
+        return;
+    }
+    std::sort(backups.begin(), backups.end(), [](const Backup& a, const Backup& b) {
+        return a.time != b.time ? a.time < b.time : a.number < b.number;
+    });
+    for (size_t i = 0; i + keep <= backups.size(); ++i) {
+        fs::remove(backups[i].file, error);
+    }
+}
+
 void DiagLogFile::Rotate() {
     fclose(stream);
     stream = nullptr;
+    PruneBackups(kMaxBackups);
     // Moving the file keeps every byte of it without a second copy in memory; the next
     // line starts an empty log under the old name.
     rename(path.c_str(), NextBackupName().c_str());
@@ -123,6 +165,10 @@ int DiagLog::writeText(int level, const char* file, const char* function, int li
 }
 
 namespace {
+struct ErrnoKeeper {
+    const int saved = errno;
+    ~ErrnoKeeper() { errno = saved; }
+};
 // Lines are cut at 1022 characters, as the log has always done.
 struct LineText {
     char text[1024] = {};
@@ -132,6 +178,8 @@ struct LineText {
 
 int DiagLog::write(int level, const char* file, const char* function, int line,
                    const char* format, ...) {
+    // A log line between a failed call and the look at its errno must not change it.
+    const ErrnoKeeper keepErrno;
     va_list args;
     va_start(args, format);
     const LineText line_(format, args);

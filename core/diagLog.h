@@ -17,6 +17,9 @@ const char* diagLogLevelName(int level);
 class DiagLogFile {
 public:
     static constexpr long kRotateBytes = 10L * 1024 * 1024;
+    // Backups kept beside the log: a rotation deletes the oldest beyond this, so the log
+    // never takes more than (kMaxBackups + 1) * kRotateBytes of the board's storage.
+    static constexpr size_t kMaxBackups = 4;
 
     // `append`: keep what the file holds at the first open instead of emptying it.
     explicit DiagLogFile(std::string path, long rotateBytes = kRotateBytes, bool append = false);
@@ -32,6 +35,8 @@ public:
     // The name the next rotation would use: "<path up to its last '.'>_backup_N.log"
     // with the first N from 0 that is free.
     std::string NextBackupName() const;
+    // Deletes the oldest backups (by time, then number) until fewer than `keep` are left.
+    void PruneBackups(size_t keep) const;
 
 private:
     bool OpenStream();

@@ -71,6 +71,19 @@ ssize_t CRawFile::WriteV(const iovec* parts, int count) {
     return written;
 }
 
+bool CRawFile::ProbeWrite() {
+    const char byte = 0;
+    ssize_t written;
+    do {
+        written = pwrite(fd, &byte, 1, 0);
+    } while (written < 0 && errno == EINTR);
+    if (written != 1 || ftruncate(fd, 0) != 0) {
+        lastError = written == 0 ? ENOSPC : errno;
+        return false;
+    }
+    return true;
+}
+
 bool CRawFile::Close() {
     if (fd == -1) {
         return true;

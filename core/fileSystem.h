@@ -54,6 +54,9 @@ public:
     // One writev(2): the bytes written, or -1 with LastError() set. An interrupted call is
     // repeated.
     ssize_t WriteV(const iovec* parts, int count);
+    // Whether the medium takes a byte: writes one at the start of the empty file just
+    // opened and takes it back. False with LastError() set.
+    bool ProbeWrite();
     bool Close();
     int LastError() const { return lastError; }
 

@@ -565,6 +565,15 @@ int launcherStatus(pid_t run, int startNotice) {
 }  // namespace
 
 int vrecMain(int argc, char** argv) {
+    // Started with standard streams closed, as a service manager may do, the first
+    // descriptors opened below would take their numbers: the banner would go into the
+    // start-notice pipe and read as "the run is up". They are held by /dev/null first.
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) == -1 && errno == EBADF &&
+            open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY) == -1) {
+            return 1;
+        }
+    }
     // Collecting a dump is a run in the foreground: its status is the collection's.
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--collect-dump") == 0) {

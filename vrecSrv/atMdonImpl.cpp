@@ -1,5 +1,6 @@
 #include "atMdonImpl.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -58,6 +59,45 @@ bool AtMdonImpl::ensurePcuiPort() {
 }
 
 int AtMdonImpl::pcuiHandle() { return PortMgnt::getInstance()->getPcuiHandle(); }
+
+bool AtMdonImpl::portGaveNoAnswer() {
+    const AtService::Failure why = AtService::getInstance()->lastFailure();
+    return why == AtService::Failure::WriteFailed || why == AtService::Failure::NoAnswer ||
+           why == AtService::Failure::Garbled;
+}
+
+void AtMdonImpl::tellPortFailure() {
+    std::string why = PortMgnt::getInstance()->pcuiFailure();
+    consolePrint("%sERROR: can't open the PCUI port: %s.\n", kLineClear,
+                 why.empty() ? "no PCUI port of a module was found" : why.c_str());
+}
+
+void AtMdonImpl::tellCommandFailure(const std::string& cmd, const std::string& answer) {
+    std::string why = AtService::getInstance()->lastFailureText();
+    if (why.empty()) {
+        why = "the module answered \"" + escapeText(answer) + "\"";
+    }
+    const std::string shown = cmd.substr(0, cmd.find('\r'));
+    consolePrint("%sERROR: %s on the PCUI port %s failed: %s.\n", kLineClear, shown.c_str(),
+                 PortMgnt::getInstance()->pcuiName().c_str(), why.c_str());
+}
+
+bool AtMdonImpl::settingReached(bool done, const char* cmd) {
+    // A refused setting is logged and forgotten; a port that answers nothing usable ends
+    // the start, for the orders after it would fare no better.
+    if (done) {
+        return true;
+    }
+    if (!PortMgnt::getInstance()->pcuiFailure().empty()) {
+        tellPortFailure();
+        return false;
+    }
+    if (portGaveNoAnswer()) {
+        tellCommandFailure(cmd, std::string());
+        return false;
+    }
+    return true;
+}
 
 bool AtMdonImpl::exchange(const std::string& cmd, std::string& text) {
     const bool ok =
@@ -158,10 +198,13 @@ bool AtMdonImpl::startLog(const CaptureOptions& options) {
     const int state = options.state;
 
     if (state == 0) {
-        stopLog();
-        return true;
+        // Refused or not, the order went out; a port that could not be had says so.
+        return settingReached(stopLog(), kMdonCommands[0]);
     }
     if (state >= 5 && state <= 7) {
+        if (!listBeforeExport()) {
+            return false;
+        }
         const std::string lowerName = toLowerCase(options.fileName);
         m_subUnit = options.subUnit;
         if (state == 5) {
@@ -192,12 +235,18 @@ bool AtMdonImpl::startLog(const CaptureOptions& options) {
         }
         return true;
     }
+    if (state == 1 && !configFileFits(workDir)) {
+        return false;
+    }
     if (state >= 1 && state <= 4) {
         // Failures of these two are logged and forgotten: the module keeps its setting.
-        setSaveLocation(options.saveLocation);
-        setSaveMode(options.saveMode);
+        if (!settingReached(setSaveLocation(options.saveLocation), "AT^MDSL") ||
+            !settingReached(setSaveMode(options.saveMode), "AT^MDSF")) {
+            return false;
+        }
     }
     if (!ensurePcuiPort()) {
+        tellPortFailure();
         return false;
     }
     std::string cmd;
@@ -226,11 +275,49 @@ bool AtMdonImpl::startLog(const CaptureOptions& options) {
     }
     if (!ok || text != "OK") {
         DIAG_LOG(LOG_ERRO, "Execute AT %s failed.", cmd.c_str());
+        if (!cmd.empty()) {
+            tellCommandFailure(cmd, ok ? text : std::string());
+        }
         return false;
     }
     // Also after AT^MDON=3 and 4: the stop opens the port again, by the name given with -p
     // or by discovery.
     ports->closePcuiPort();
+    return true;
+}
+
+bool AtMdonImpl::listBeforeExport() {
+    // The list comes first, on this thread: a port that cannot be had or gives no list ends
+    // the run with the reason, instead of a run that stays up with nothing to do.
+    if (!ensurePcuiPort()) {
+        tellPortFailure();
+        return false;
+    }
+    std::list<std::string> files;
+    if (!queryUEFiles(files)) {
+        std::string why = AtService::getInstance()->lastFailureText();
+        consolePrint("%sERROR: the module on the PCUI port %s gave no list of its files: %s.\n",
+                     kLineClear, PortMgnt::getInstance()->pcuiName().c_str(),
+                     why.empty() ? "the answer was empty" : why.c_str());
+        return false;
+    }
+    m_listedFiles = std::move(files);
+    m_haveList = true;
+    return true;
+}
+
+bool AtMdonImpl::configFileFits(const std::string& directory) {
+    const std::string path = directory + CDirectory::Separator() + kConfigName;
+    struct stat info {};
+    if (stat(path.c_str(), &info) == 0 && info.st_size > kConfigLimitBytes) {
+        consolePrint(
+            "%sERROR: can't upload the logging configuration %s: it is %lld bytes; at most %ld "
+            "bytes (16 MiB) are accepted.\n",
+            kLineClear, path.c_str(), static_cast<long long>(info.st_size), kConfigLimitBytes);
+        DIAG_LOG(LOG_ERRO, "%s is too large to upload: %lld bytes", path.c_str(),
+                 static_cast<long long>(info.st_size));
+        return false;
+    }
     return true;
 }
 
@@ -380,7 +467,13 @@ void AtMdonImpl::threadExportFiles() {
     DIAG_TRACE();
     m_resultExportFiles = -1;
     std::list<std::string> files;
-    const bool listed = queryUEFiles(files);
+    bool listed = m_haveList;
+    if (m_haveList) {
+        files.swap(m_listedFiles);  // asked for by the start already
+        m_haveList = false;
+    } else {
+        listed = queryUEFiles(files);
+    }
     bool tried = false;
     const std::string wanted = toLowerCase(m_fileName);
     for (const std::string& name : listed ? files : std::list<std::string>()) {
@@ -520,7 +613,7 @@ std::vector<std::string> AtMdonImpl::cutPieces(const std::string& document, int 
 }
 
 bool AtMdonImpl::readFile(const std::string& path, std::string& bytes) {
-    return readSuppliedFile(path, bytes);
+    return readSuppliedFile(path, bytes, kConfigLimitBytes);
 }
 
 bool AtMdonImpl::sendConfigFile(const std::string& directory) {
@@ -541,6 +634,10 @@ bool AtMdonImpl::sendConfigFile(const std::string& directory) {
 void AtMdonImpl::threadSendConfigFile() {
     DIAG_TRACE();
     m_resultExportFiles = -1;
+    if (!configFileFits(m_configDir)) {
+        m_resultExportFiles = 0;  // not the built-in one in its place: the user named this file
+        return;
+    }
     std::string document;
     if (!readFile(m_configDir + CDirectory::Separator() + kConfigName, document) ||
         document.empty()) {
@@ -561,7 +658,9 @@ void AtMdonImpl::threadSendConfigFile() {
         return;
     }
     DIAG_LOG(LOG_INFO, "MAX AT Len is: %d", maxLength);
-    const std::vector<std::string> pieces = cutPieces(document, configPieceSize(maxLength));
+    std::vector<std::string> pieces = cutPieces(document, configPieceSize(maxLength));
+    const size_t documentBytes = document.size();
+    document = std::string();
     if (pieces.empty()) {
         DIAG_LOG(LOG_ERRO, "a command length of %d leaves no room for the configuration.",
                  maxLength);
@@ -577,16 +676,24 @@ void AtMdonImpl::threadSendConfigFile() {
             Base64Encode(reinterpret_cast<const unsigned char*>(pieces[i].data()),
                          static_cast<int>(pieces[i].size())) +
             "\"\r");
+        pieces[i] = std::string();
     }
     AtService* at = AtService::getInstance();
+    size_t sent = 0;
     for (const std::string& cmd : commands) {
-        // Only AT^CMDLEN? has its exchange in the log; the pieces would flood it.
-        if (!at->sendATcmdAndWaitResponse(pcuiHandle(), cmd, text, true, true)) {
-            DIAG_LOG(LOG_ERRO, "Execute %s failed.", cmd.c_str());
+        // Only AT^CMDLEN? has its exchange in the log; the pieces would flood it, so they
+        // are told by their count, size and result.
+        if (!at->sendATcmdAndWaitResponse(pcuiHandle(), cmd, text, true, false)) {
+            DIAG_LOG(LOG_ERRO, "Execute %s failed.", cmd.substr(0, cmd.find(',')).c_str());
+            DIAG_LOG(LOG_ERRO, "AT^RSFW piece %zu of %zu failed: %s", sent + 1, commands.size(),
+                     at->lastFailureText().c_str());
             m_resultExportFiles = 0;
             break;
         }
+        ++sent;
     }
+    DIAG_LOG(LOG_INFO, "AT^RSFW: %zu of %zu pieces sent, %zu bytes of configuration", sent,
+             commands.size(), documentBytes);
     if (m_resultExportFiles == -1) {
         m_resultExportFiles = 1;  // all went out
     }

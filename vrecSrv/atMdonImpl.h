@@ -17,6 +17,9 @@ public:
     // What an export takes: logsave* files, dump* files, the one file named.
     enum ExportMask { EXPORT_LOGS = 1, EXPORT_DUMPS = 2, EXPORT_NAMED = 4 };
     static constexpr int kDefaultReportStep = 1024000;
+    // The largest logging configuration accepted for upload; the document is cargo held in
+    // memory whole, with its Base64 beside it.
+    static constexpr long kConfigLimitBytes = 16L << 20;
 
     AtMdonImpl();
     ~AtMdonImpl() override;
@@ -64,6 +67,16 @@ public:
 
 private:
     bool ensurePcuiPort();
+    // The user's lines for a start that cannot go on, with the reason.
+    void tellPortFailure();
+    void tellCommandFailure(const std::string& cmd, const std::string& answer);
+    static bool portGaveNoAnswer();
+    // After a setting of the start: false, said why, when the port is not to be had or
+    // gives no usable answer.
+    bool settingReached(bool done, const char* cmd);
+    bool listBeforeExport();
+    // False, said why, when "logconfig.xml" in `directory` is too large to upload.
+    static bool configFileFits(const std::string& directory);
     int pcuiHandle();
     // One exchange with both log flags on, and its "AT:/Response:" log line.
     bool exchange(const std::string& cmd, std::string& text);
@@ -81,6 +94,9 @@ private:
     int m_exportMask = 0;
     std::atomic<int> m_resultExportFiles{-1};
     std::atomic<bool> m_IsExportFile{false};
+    // The module's list, read by the start before the export thread begins.
+    std::list<std::string> m_listedFiles;
+    bool m_haveList = false;
     // Last, so that it is stopped before the fields it uses go away.
     JThreadT<AtMdonImpl, void> m_thread;
 };

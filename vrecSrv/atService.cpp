@@ -83,6 +83,11 @@ int AtService::atRead(std::string& text, int size, unsigned limitMs) {
         if (atproto::answerEnded(text)) {
             return count;
         }
+        if (text.size() > kAnswerLimitBytes) {
+            DIAG_LOG(LOG_ERRO, "an answer of more than %zu bytes without its end; given up.",
+                     kAnswerLimitBytes);
+            return count;
+        }
         if (elapsedSince(start) > limitMs) {
             DIAG_LOG(LOG_WARN, "read timeout (more then %u millisecond).", limitMs);
             return count;
@@ -121,14 +126,32 @@ int AtService::atWrite(std::string data, int size, unsigned limitMs) {
     }
 }
 
+AtService::Failure AtService::lastFailure() {
+    JMutexAutoLock lock(&m_cmdLock);
+    return m_failure;
+}
+
+std::string AtService::lastFailureText() {
+    JMutexAutoLock lock(&m_cmdLock);
+    return m_failureText;
+}
+
+bool AtService::fail(Failure why, std::string text) {
+    m_failure = why;
+    m_failureText = std::move(text);
+    return false;
+}
+
 bool AtService::acceptCommand(int port, const std::string& cmd) {
+    m_failure = Failure::None;
+    m_failureText.clear();
     if (port == 0) {
         DIAG_LOG(LOG_ERRO, "pcui port is not open.");
-        return false;
+        return fail(Failure::NoPort, "the port is not open");
     }
     if (cmd.empty()) {
         DIAG_LOG(LOG_ERRO, "at cmd is empty.");
-        return false;
+        return fail(Failure::NoCommand, "there is no command for that value");
     }
     m_hPcuiPort = port;
     return true;
@@ -140,7 +163,7 @@ bool AtService::writeCommand(const std::string& wire) {
     if (written != length) {
         DIAG_LOG(LOG_ERRO, "Write data failed(cmd length is %d, but write data length is %d).",
                  length, written);
-        return false;
+        return fail(Failure::WriteFailed, "the command could not be written to the port");
     }
     return true;
 }
@@ -192,7 +215,8 @@ bool AtService::sendATcmdAndWaitResponse(int port, const std::string& cmd, std::
     std::string answer;
     if (atRead(answer, kAnswerReadSize, kReadLimitMs) < 1) {
         DIAG_LOG(LOG_ERRO, "Get at response failed.");
-        return false;
+        return fail(Failure::NoAnswer,
+                    "no answer within " + std::to_string(kReadLimitMs / 1000) + " s");
     }
     if (logExchange) {
         DIAG_LOG(LOG_INFO, "AT Response: %s", answer.c_str());
@@ -203,7 +227,11 @@ bool AtService::sendATcmdAndWaitResponse(int port, const std::string& cmd, std::
     response = atproto::parseResponse(answer, m_cmd);
     if (response.empty()) {
         DIAG_LOG(LOG_ERRO, "AT response isn't correct.");
-        return false;
+        if (answer.find("\r\nERROR") != std::string::npos) {
+            return fail(Failure::Refused, "the module answered ERROR");
+        }
+        return fail(Failure::Garbled, std::to_string(answer.size()) +
+                                          " bytes came back that are no AT answer (no final OK)");
     }
     return true;
 }

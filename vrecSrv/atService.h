@@ -16,10 +16,17 @@ public:
     static constexpr unsigned kWriteLimitMs = 5000;
     static constexpr unsigned kReadLimitMs = 5000;
     static constexpr int kAnswerReadSize = 4096;
+    // An answer that grows past this without its end is given up: no sensible answer to a
+    // command of this program is anywhere near as long.
+    static constexpr size_t kAnswerLimitBytes = 4 << 20;
     static constexpr int kDrainReadSize = 10240;
     static constexpr int kDrainReads = 10;
     // The Diag reader owns the port's input: answers are not read here.
     static constexpr int kTunnelReaderOwnsPort = 3;
+
+    // Why the last exchange failed. A refusal is the module's own answer; the others mean
+    // that the port gave no usable answer at all.
+    enum class Failure { None, NoCommand, NoPort, WriteFailed, NoAnswer, Garbled, Refused };
 
     static AtService* getInstance();
     static void destroy();
@@ -40,6 +47,9 @@ public:
     // Writes the first `size` bytes of `data`; returns how many went out.
     int atWrite(std::string data, int size, unsigned limitMs);
     std::string getShortCmd(const std::string& cmd);
+    Failure lastFailure();
+    // The reason of the last failure in words, for an ERROR line; empty after a success.
+    std::string lastFailureText();
 
 private:
     AtService();
@@ -47,6 +57,7 @@ private:
     bool acceptCommand(int port, const std::string& cmd);
     // The whole command out within the write limit, or the failure logged.
     bool writeCommand(const std::string& wire);
+    bool fail(Failure why, std::string text);
 
     int m_hPcuiPort = -1;
     std::string m_cmd;
@@ -54,6 +65,8 @@ private:
     std::map<uint32_t, std::string> m_cmdIds;
     bool m_diagTunnel = false;
     int m_tunnelMode = 0;
+    Failure m_failure = Failure::None;
+    std::string m_failureText;
 };
 
 #endif

@@ -196,6 +196,7 @@ void DiagService::announceSetup(bool ready) {
     {
         std::lock_guard<std::mutex> lock(setupLock);
         setupFinished = true;
+        setupSucceeded = ready;
     }
     setupDone.notify_all();
     if (!ready) {

@@ -16,6 +16,10 @@ bool DiagImpl::startLog(const CaptureOptions& options) {
         if (stopped) {
             return true;  // stopped before it began: the module is left alone
         }
+        // A command file that cannot be used ends the start before the port is read.
+        if (!DiagService::checkCommandFiles()) {
+            return false;
+        }
         diag->setChipType(options.mode == CAPTURE_IMC ? CHIP_IMC : CHIP_QUALCOMM);
         diag->setTotalSize(static_cast<uint32_t>(options.totalSize));
         diag->setCycleSize(static_cast<uint32_t>(options.cycleSize));

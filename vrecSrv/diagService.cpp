@@ -9,7 +9,9 @@
 
 #include "atService.h"
 #include "codec.h"
+#include "commandFile.h"
 #include "console.h"
+#include "dateTime.h"
 #include "diagLog.h"
 #include "fileReading.h"
 #include "portMgnt.h"
@@ -89,6 +91,7 @@ bool DiagService::startReadThread() {
     {
         std::lock_guard<std::mutex> lock(setupLock);
         setupFinished = false;
+        setupSucceeded = false;
     }
     if (!ring) {
         ring = std::make_unique<CaptureRing>(kQueueBytes);
@@ -103,16 +106,36 @@ bool DiagService::startReadThread() {
         stopThreads();
         return false;
     }
-    {
-        // The writer names its first file during set-up; the start line shows that name.
-        std::unique_lock<std::mutex> lock(setupLock);
-        setupDone.wait_for(lock, std::chrono::microseconds(kStartSettleUs) * 30,
-                           [this] { return setupFinished; });
+    if (!waitForSetup()) {
+        // Nothing could be stored: the start ends here, before any command goes out.
+        DIAG_LOG(LOG_ERRO, "the log file could not be set up; the capture does not start.");
+        stopThreads();
+        return false;
     }
     consolePrint("%sINFO: now start saving log file %s...\n", kLineClear,
                  store.currentName().c_str());
     DIAG_LOG(LOG_INFO, "create read thread succeed.");
     return true;
+}
+
+bool DiagService::waitForSetup() {
+    // The writer names its first file and makes it during set-up; the start line shows that
+    // name, and the start set waits for the file. A stop ends the wait.
+    std::unique_lock<std::mutex> lock(setupLock);
+    const uint64_t deadline = GetTickMs() + kSetupLimitMs;
+    while (!setupDone.wait_for(lock, std::chrono::microseconds(kStartSettleUs),
+                               [this] { return setupFinished; })) {
+        if (!running) {
+            return false;
+        }
+        if (GetTickMs() > deadline) {
+            consolePrint("%sERROR: the log file %s/real_log.bin was not made within %d s: the "
+                         "storage does not answer.\n",
+                         kLineClear, savePath.c_str(), kSetupLimitMs / 1000);
+            return false;
+        }
+    }
+    return setupSucceeded;
 }
 
 bool DiagService::stopReadDiag() {
@@ -263,16 +286,29 @@ bool DiagService::sendCmdInFile(const std::string& path, int selector) {
         DIAG_LOG(LOG_INFO, "read cmd file failed.");
         return false;
     }
-    std::map<int, std::vector<std::string>> groups;
-    getFileCmds(text, groups);
-    return sendGroupCmds(groups, selector);
+    const CommandList commands = CommandList::parse(text);
+    text = std::string();  // the text's memory goes before the commands are sent
+    return sendCommands(commands, selector);
 }
 
 bool DiagService::readCmdFile(const std::string& path, std::string& text) {
     std::string bytes;
-    const bool whole = readSuppliedFile(path, bytes);
-    text = bytes.c_str();  // a NUL byte in the file ends the text
+    const bool whole = readSuppliedFile(path, bytes, CommandList::kFileLimitBytes);
+    bytes.resize(strlen(bytes.c_str()));  // a NUL byte in the file ends the text
+    text.swap(bytes);                     // without a second copy
     return whole;
+}
+
+bool DiagService::checkCommandFiles() {
+    for (const char* name : {kStartCmdFile, kStopCmdFile}) {
+        const std::string problem = CommandList::problemWith(name);
+        if (!problem.empty()) {
+            consolePrint("%sERROR: can't use the command file %s.\n", kLineClear, problem.c_str());
+            DIAG_LOG(LOG_ERRO, "command file refused: %s", problem.c_str());
+            return false;
+        }
+    }
+    return true;
 }
 
 bool DiagService::getFileCmds(const std::string& text,
@@ -319,10 +355,22 @@ bool DiagService::tokensToBytes(const std::vector<std::string>& tokens, unsigned
 
 bool DiagService::sendGroupCmds(const std::map<int, std::vector<std::string>>& groups,
                                 int selector) {
-    DIAG_LOG(LOG_INFO, "send group cmd begin.cmd items count: %d", static_cast<int>(groups.size()));
+    CommandList commands;
+    for (const auto& group : groups) {
+        std::vector<unsigned char> bytes(group.second.size());
+        tokensToBytes(group.second, bytes.data());
+        commands.addCommand(bytes.data(), bytes.size());
+    }
+    return sendCommands(commands, selector);
+}
+
+bool DiagService::sendCommands(const CommandList& commands, int selector) {
+    DIAG_LOG(LOG_INFO, "send group cmd begin.cmd items count: %d",
+             static_cast<int>(commands.count()));
     const unsigned generation = portGeneration;
     const bool stopSet = stopRequested;
-    for (const auto& group : groups) {
+    const uint64_t deadline = GetTickMs() + kStopSetLimitMs;
+    for (size_t i = 0; i < commands.count(); ++i) {
         // The stop set holds the send lock for all its commands; a start set takes it per
         // command, so that a stop or a regain can come in between.
         std::unique_lock<std::mutex> lock(sendLock, std::defer_lock);
@@ -331,11 +379,19 @@ bool DiagService::sendGroupCmds(const std::map<int, std::vector<std::string>>& g
             if (!startSetGoesOn(generation)) {
                 break;
             }
+        } else if (GetTickMs() > deadline) {
+            // A stop must end in its time, whatever the file holds.
+            const size_t left = commands.count() - i;
+            consolePrint(
+                "%sWARNING: the stop went on without %zu of the %zu commands of the stop "
+                "command file: they took longer than %d s to send.\n",
+                kLineClear, left, commands.count(), kStopSetLimitMs / 1000);
+            DIAG_LOG(LOG_WARN, "stop set cut short: %zu of %zu commands not sent", left,
+                     commands.count());
+            break;
         }
-        std::vector<unsigned char> bytes(group.second.size());
-        tokensToBytes(group.second, bytes.data());
-        const int length = static_cast<int>(bytes.size());
-        if (sendSingleCmd(bytes.data(), length, selector)) {
+        const int length = commands.length(i);
+        if (sendSingleCmd(commands.command(i), length, selector)) {
             DIAG_LOG(LOG_INFO, "send cmd success.cmd length: %d", length);
         } else {
             DIAG_LOG(LOG_INFO, "send cmd failed.cmd length: %d", length);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "captureRing.h"
+#include "commandFile.h"
 #include "fileSystem.h"
 #include "jthread.h"
 #include "logStore.h"
@@ -42,6 +43,10 @@ public:
     // The writer is told of queued bytes once the port has been quiet this long.
     static constexpr int kQuietMs = 2;
     static constexpr useconds_t kStartSettleUs = 30000;
+    // The longest a stop set may take; a stop must end within a service manager's limit.
+    static constexpr int kStopSetLimitMs = 5000;
+    // The longest the start waits for the log file to be made before it gives up.
+    static constexpr int kSetupLimitMs = 10000;
 
     static DiagService* getInstance();
     static void destroy();
@@ -78,6 +83,12 @@ public:
     static std::vector<std::string> splitHexTokens(const std::string& group);
     static bool tokensToBytes(const std::vector<std::string>& tokens, unsigned char* bytes);
     bool sendGroupCmds(const std::map<int, std::vector<std::string>>& groups, int selector);
+    // Sends the commands in order; a stop set that has taken kStopSetLimitMs leaves the rest
+    // out and says how many.
+    bool sendCommands(const CommandList& commands, int selector);
+    // Before anything reaches the module: false, after an ERROR line, where a command file
+    // in the working directory is too large or cannot be read.
+    static bool checkCommandFiles();
 
     void sendQualcommStartDiagCmds();
     bool sendQualcommStopCmds();
@@ -110,6 +121,8 @@ private:
     void reportLosses(bool final);
     void waitUntilStored(uint64_t target, int limitMs);
     void announceSetup(bool ready);
+    // Until the writer's set-up is over: true when the log file is ready for the stream.
+    bool waitForSetup();
     // Whether a start set that began with `generation` may send its next frame.
     bool startSetGoesOn(unsigned generation) const;
     void stopThreads();

@@ -5,7 +5,7 @@
 #include "diagLog.h"
 #include "fileSystem.h"
 
-bool readSuppliedFile(const std::string& path, std::string& bytes) {
+bool readSuppliedFile(const std::string& path, std::string& bytes, long limit) {
     bytes.clear();
     if (!CFile::Exists(path)) {
         DIAG_LOG(LOG_INFO, "cmd file not exist. %s", path.c_str());
@@ -22,6 +22,12 @@ bool readSuppliedFile(const std::string& path, std::string& bytes) {
     fseek(file, 0, SEEK_SET);
     if (size <= 0) {
         fclose(file);
+        return false;
+    }
+    if (size > limit) {
+        fclose(file);
+        DIAG_LOG(LOG_ERRO, "%s is %ld bytes, more than the %ld accepted; not read.", path.c_str(),
+                 size, limit);
         return false;
     }
     bytes.resize(static_cast<size_t>(size));

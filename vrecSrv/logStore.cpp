@@ -49,14 +49,26 @@ bool LogStore::open(const std::string& savePath, bool overwrite, const Limits& w
             dir += "/vrec_files" + logTimeSuffix();
         } while (CDirectory::Exists(dir));
         if (!CDirectory::Create(dir)) {
+            const int error = errno;
             consolePrint("ERROR: can't create directory for log output!\n");
+            consolePrint("ERROR: can't create the directory %s: %s\n", dir.c_str(),
+                         strerror(error));
             DIAG_LOG(LOG_ERRO, "can't create directory for log output!");
             return false;
         }
     }
     realLogName = dir + "/" + kRealLogFile;
     setCurrentName(limits.cycleBytes == 0 ? realLogName : nextLogItemName(dir));
-    if (!openCurrent(false)) {
+    // The file is made and takes a byte before the module is asked for anything: a run
+    // that could store nothing says so instead of starting.
+    if (!openCurrent(false) || !file.ProbeWrite()) {
+        lastErrorCode = file.LastError();
+        consolePrint("%sERROR: can't %s the log file %s: %s\n", kLineClear,
+                     file.IsOpen() ? "write to" : "create", realLogName.c_str(),
+                     strerror(lastErrorCode));
+        DIAG_LOG(LOG_ERRO, "log file %s not usable: %s", realLogName.c_str(),
+                 strerror(lastErrorCode));
+        file.Close();
         return false;
     }
     DIAG_LOG(LOG_INFO, "Saving log file %s...", currentName().c_str());

@@ -213,7 +213,9 @@ bool PortMgnt::openPcuiPort() {
         return openPcuiPortByName(givenPcuiName.c_str());
     }
     const std::string name = getPcuiPortName();
-    if (!openPort(name)) {
+    const bool opened = openPort(name);
+    notePcuiOpen(name, opened, errno);
+    if (!opened) {
         return false;
     }
     announcePort(name == diagPortName ? "Diag" : "PCUI", name);
@@ -234,6 +236,32 @@ void PortMgnt::announcePort(const char* side, const std::string& name) {
         return;
     }
     consolePrint("%sINFO: %s port %s (%s).\n", kLineClear, side, name.c_str(), attachment);
+}
+
+void PortMgnt::notePcuiOpen(const std::string& name, bool opened, int error) {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    if (!name.empty()) {
+        lastPcuiName = name;
+    }
+    if (opened) {
+        pcuiTrouble.clear();
+        return;
+    }
+    const std::string what =
+        name.empty() ? "no PCUI port of a module was found" : name + ": " + strerror(error);
+    if (pcuiTrouble.find(what) == std::string::npos) {
+        pcuiTrouble += (pcuiTrouble.empty() ? "" : "; ") + what;
+    }
+}
+
+std::string PortMgnt::pcuiFailure() const {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    return pcuiTrouble;
+}
+
+std::string PortMgnt::pcuiName() const {
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    return pcuiPortName.empty() ? lastPcuiName : pcuiPortName;
 }
 
 bool PortMgnt::openDiagPortByName(const char* name) {
@@ -261,7 +289,9 @@ bool PortMgnt::openPcuiPortByName(const char* name) {
     }
     DIAG_LOG(LOG_INFO, "Open Pcui Port name: %s\n", name);
     std::lock_guard<std::recursive_mutex> lock(handleLock);
-    if (!openInto(name, pcuiPort)) {
+    const bool opened = openInto(name, pcuiPort);
+    notePcuiOpen(name, opened, errno);
+    if (!opened) {
         DIAG_LOG(LOG_ERRO, "open pcui port failed.");
         return false;
     }
@@ -273,7 +303,7 @@ bool PortMgnt::openPcuiPortByName(const char* name) {
 }
 
 int PortMgnt::regain(int& handle, std::string& storedName, const std::string& givenName,
-                     std::string (PortMgnt::*find)(), const char* side) {
+                     std::string (PortMgnt::*find)(), const char* side, std::string* used) {
     std::lock_guard<std::recursive_mutex> lock(handleLock);
     releaseHandle(handle);
     // A stored name is used as it is, without a new walk of sysfs; but a PCIe module comes
@@ -283,6 +313,9 @@ int PortMgnt::regain(int& handle, std::string& storedName, const std::string& gi
     const bool rediscover = name.empty() || (name != givenName && discovery::IsPcieNodeName(name));
     if (rediscover) {
         name = (this->*find)();
+    }
+    if (used != nullptr) {
+        *used = name;
     }
     if (name.empty() || !openInto(name, handle)) {
         DIAG_LOG(LOG_INFO, "Regain %s port error", side);
@@ -301,7 +334,12 @@ int PortMgnt::regainDiagPort() {
 }
 
 int PortMgnt::regainPcuiPort() {
-    return regain(pcuiPort, pcuiPortName, givenPcuiName, &PortMgnt::getPcuiPortName, "Pcui");
+    std::lock_guard<std::recursive_mutex> lock(handleLock);
+    std::string name;
+    const int handle =
+        regain(pcuiPort, pcuiPortName, givenPcuiName, &PortMgnt::getPcuiPortName, "Pcui", &name);
+    notePcuiOpen(name, handle != -1, errno);
+    return handle;
 }
 
 int PortMgnt::getDiagHandle() {

@@ -56,6 +56,12 @@ public:
     bool setSavePath(const std::string& path);
     std::string getSavePath() const;
 
+    // Why the PCUI port could not be had, as "NAME: reason" for each way that was tried since
+    // it was last open; empty when nothing failed.
+    std::string pcuiFailure() const;
+    // The name of the PCUI port in use or last tried, for the user's lines.
+    std::string pcuiName() const;
+
     bool isPcuiAsDiag() const;
     bool isReading() const;
 
@@ -74,7 +80,7 @@ private:
     std::list<std::string> discoveredPorts();
     bool openInto(const std::string& name, int& handle);
     int regain(int& handle, std::string& storedName, const std::string& givenName,
-               std::string (PortMgnt::*find)(), const char* side);
+               std::string (PortMgnt::*find)(), const char* side, std::string* used = nullptr);
     // Tells the user which port a side uses, once for each new name.
     void announcePort(const char* side, const std::string& name);
     // Closes a handle once, also where both sides share the descriptor.
@@ -82,6 +88,9 @@ private:
     // Names, once each, the other processes that have the port open: they would take bytes
     // of the stream or answers meant for this run.
     void warnOtherHolders(const std::string& name);
+    // Remembers a failed open of the PCUI port (an empty name: none was found), or forgets
+    // them all after a success.
+    void notePcuiOpen(const std::string& name, bool opened, int error);
 
     // Handles change under this lock so that a regain on one thread and a close on another
     // never close a descriptor twice nor lend one that was closed.
@@ -96,6 +105,8 @@ private:
     // The port each side was last announced with.
     std::string announcedDiag;
     std::string announcedPcui;
+    std::string pcuiTrouble;
+    std::string lastPcuiName;
     int diagPort = -1;
     int pcuiPort = -1;
     bool pcuiAsDiag = false;

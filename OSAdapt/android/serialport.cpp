@@ -102,13 +102,16 @@ int CSerialPort::Open(const char* path, int* handle) {
         if (err == EACCES) {
             DIAG_LOG(LOG_INFO, "\tPermission denied.\n");
         }
+        errno = err;  // the caller tells the user why
         return OS_ADAPT_FAILED;
     }
     setWriteLimit(fd, 0);
     if (isatty(fd)) {
         if (!configureRaw(fd)) {
+            const int err = errno;
             g_calls.close(fd);
             *handle = -1;
+            errno = err;
             return OS_ADAPT_FAILED;
         }
         return OS_ADAPT_SUCCESS;
@@ -116,8 +119,10 @@ int CSerialPort::Open(const char* path, int* handle) {
     // A port that is not a terminal (a PCIe module's WWAN or MHI node) refuses terminal
     // settings: it is used as it is, and its writes are kept to what one transfer takes.
     if (!isStreamNode(fd)) {
+        const int err = ENOTTY;
         g_calls.close(fd);
         *handle = -1;
+        errno = err;
         return OS_ADAPT_FAILED;
     }
     DIAG_LOG(LOG_INFO,

@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -170,4 +172,49 @@ TEST_F(DiagLogFront, LinesOfManyThreadsStayWhole) {
         ASSERT_TRUE(t >= 0 && t < threads) << line.second;
         EXPECT_EQ(line.second, body(t, next[t]++));
     }
+}
+
+// However many rotations and whatever earlier runs left, a rotation leaves at most
+// kMaxBackups backups: the oldest by time go first, the newest content always stays.
+TEST(DiagLogFile, BackupsAreBoundedAndTheOldestGoFirst) {
+    namespace fs = std::filesystem;
+    TempDir dir;
+    const auto now = fs::file_time_type::clock::now();
+    // Six backups of an earlier run; number 5 is the oldest of them, number 0 the newest.
+    for (int n = 0; n < 6; ++n) {
+        const std::string name = dir.file("vrec_backup_" + std::to_string(n) + ".log");
+        testkit::writeFile(name, "old " + std::to_string(n));
+        fs::last_write_time(name, now - std::chrono::hours(n + 1));
+    }
+    testkit::writeFile(dir.file("vrec_backup_x.log"), "not a backup");
+    const auto backups = [&] {
+        std::vector<std::string> names;
+        for (const std::string& name : testkit::listDir(dir.path())) {
+            if (name.rfind("vrec_backup_", 0) == 0 && name != "vrec_backup_x.log") {
+                names.push_back(readFile(dir.file(name)).substr(0, 3) == "old"
+                                    ? readFile(dir.file(name))
+                                    : name);
+            }
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    };
+    DiagLogFile log(dir.file("vrec.log"), 100);
+    ASSERT_TRUE(log.WriteLine(LOG_INFO, "f.cpp", "fn", 1, "a line of about sixty characters!!"));
+    ASSERT_TRUE(log.WriteLine(LOG_INFO, "f.cpp", "fn", 2, "a line of about sixty characters!!"));
+    // The first rotation made room by deleting the three oldest, and took a free number.
+    std::vector<std::string> kept = backups();
+    ASSERT_EQ(DiagLogFile::kMaxBackups, kept.size());
+    EXPECT_EQ((std::vector<std::string>{"old 0", "old 1", "old 2", "vrec_backup_3.log"}), kept);
+    for (int line = 3; line < 40; ++line) {
+        ASSERT_TRUE(log.WriteLine(LOG_INFO, "f.cpp", "fn", line, "a line of about sixty chars"));
+        ASSERT_GE(DiagLogFile::kMaxBackups, backups().size());
+    }
+    // Only rotations of this run are left.
+    kept = backups();
+    EXPECT_EQ(DiagLogFile::kMaxBackups, kept.size());
+    for (const std::string& name : kept) {
+        EXPECT_EQ(std::string::npos, name.find("old")) << name;
+    }
+    EXPECT_EQ("not a backup", readFile(dir.file("vrec_backup_x.log")));
 }

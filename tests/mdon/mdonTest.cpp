@@ -240,7 +240,8 @@ TEST(Mdon, ExportsBringTheModulesFilesWholeAndStayUp) {
         // A transfer that breaks off leaves what came; the next file is still fetched.
         {"-f logsave", "--fault rsfr-stop=2", "logsave_10=LogSave_1:8192 logsave_20=logsave_2",
          false, "ERROR: Exporting log file logsave_1 fail.\n"},
-        {"-f dump_1", "--fault error=^RSFR", "", false, kNothing},
+        // A name the list does not hold; a list refused ends the run instead (see the failures).
+        {"-f dump_9", "", "", false, kNothing},
     };
     for (const ExportCase& c : cases) {
         SCOPED_TRACE(std::string(c.args) + " " + c.module);

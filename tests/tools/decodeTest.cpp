@@ -640,8 +640,10 @@ TEST(DecodeTool, FollowSendsEveryRecordOnceAcrossRotations) {
         }
         return bytes;
     };
-    // The module's answer to the start request, then the whole stream.
-    const size_t sent = vtools::frame(start.substr(0, 8) + zeros(4)).size() + replay.size();
+    // The module's answer to the start request (its status, then the mask echoed), then the
+    // whole stream.
+    const size_t sent =
+        vtools::frame(start.substr(0, 8) + zeros(4) + start.substr(8)).size() + replay.size();
     EXPECT_TRUE(testkit::waitFor([&] { return stored() >= sent; }, 30000)) << stored();
     usleep(100 * 1000);
     EXPECT_EQ(stored(), sent);

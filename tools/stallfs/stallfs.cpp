@@ -37,6 +37,7 @@ const char kUsage[] =
     "                     every N STALL     a new schedule from now on (every 0 0: none)\n"
     "                     stats             print the number of calls that waited\n"
     "                   each line taken is answered on standard output as \"done LINE\"\n"
+    "  --eio-creates    every create fails with EIO, as a failing medium's may\n"
     "Prints \"ready\" once the mount is in place.\n";
 
 // When writes wait: a schedule of periodic stalls, and one long stall set from outside.
@@ -92,6 +93,7 @@ private:
 };
 
 Stalls stalls;
+bool g_eioCreates = false;
 int backing = -1;  // the mirrored directory
 
 // FUSE paths start at the mount's root "/"; below the backing directory they are relative.
@@ -213,6 +215,9 @@ int fsUtimens(const char* path, const timespec times[2], fuse_file_info* fi) {
 
 int fsCreate(const char* path, mode_t mode, fuse_file_info* fi) {
     stalls.pass();
+    if (g_eioCreates) {
+        return -EIO;
+    }
     const int fd = openat(backing, rel(path), fi->flags | O_CREAT | O_CLOEXEC, mode);
     if (fd == -1) {
         return -errno;
@@ -364,6 +369,7 @@ int main(int argc, char** argv) {
     static const option kLong[] = {{"every-ms", required_argument, nullptr, 'e'},
                                    {"stall-ms", required_argument, nullptr, 's'},
                                    {"control", required_argument, nullptr, 'c'},
+                                   {"eio-creates", no_argument, nullptr, 'i'},
                                    {"help", no_argument, nullptr, 'h'},
                                    {nullptr, 0, nullptr, 0}};
     opterr = 0;
@@ -373,6 +379,7 @@ int main(int argc, char** argv) {
             return 0;
         }
         const bool ok = opt == 'c'   ? (control = optarg, true)
+                        : opt == 'i' ? (g_eioCreates = true)
                         : opt == 'e' ? parseMs(optarg, &everyMs)
                         : opt == 's' ? parseMs(optarg, &stallMs)
                                      : false;
