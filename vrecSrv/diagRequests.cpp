@@ -5,6 +5,7 @@
 #include <initializer_list>
 
 #include "codec.h"
+#include "diagCommands.h"
 
 namespace diagreq {
 
@@ -16,11 +17,11 @@ constexpr uint8_t kStatus = 0x0C;
 constexpr uint8_t kDiagVersion = 0x1C;
 constexpr uint8_t kTimeStamp = 0x1D;
 constexpr uint8_t kSubsystem = 0x4B;
-constexpr uint8_t kEventReport = 0x60;
+using diagcmd::kEventReport;
 constexpr uint8_t kStatusSnapshot = 0x63;
-constexpr uint8_t kLogConfig = 0x73;
+using diagcmd::kLogConfig;
 constexpr uint8_t kExtBuildId = 0x7C;
-constexpr uint8_t kExtMsgConfig = 0x7D;
+using diagcmd::kExtMsgConfig;
 constexpr uint8_t kEventMaskGet = 0x81;
 constexpr uint8_t kEventMaskSet = 0x82;
 

@@ -3,12 +3,13 @@
 #include <cstring>
 
 #include "codec.h"
+#include "diagCommands.h"
 
 namespace {
 
 constexpr char kFlag = '\x7E';
 constexpr char kEscape = '\x7D';
-constexpr char kLogConfig = '\x73';
+constexpr char kLogConfig = static_cast<char>(diagcmd::kLogConfig);
 
 // The packet of an escaped frame without its flag, if its check sequence holds.
 bool unframe(const std::string& wire, std::string* packet) {

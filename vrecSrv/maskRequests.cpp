@@ -4,17 +4,19 @@
 #include <cstdio>
 #include <map>
 
+#include "diagCommands.h"
+
 namespace masks {
 
 namespace {
 
-constexpr uint8_t kLogConfig = 0x73;
-constexpr uint8_t kExtMsgConfig = 0x7D;
-constexpr uint8_t kEventReport = 0x60;
-constexpr uint32_t kOpDisableAll = 0;
-constexpr uint32_t kOpRetrieveRanges = 1;
-constexpr uint32_t kOpSetMask = 3;
-constexpr uint8_t kMsgOpSetAll = 5;
+using diagcmd::kEventReport;
+using diagcmd::kExtMsgConfig;
+using diagcmd::kLogConfig;
+constexpr uint32_t kOpDisableAll = diagcmd::kLogDisableAll;
+constexpr uint32_t kOpRetrieveRanges = diagcmd::kLogRetrieveRanges;
+constexpr uint32_t kOpSetMask = diagcmd::kLogSetMask;
+constexpr uint8_t kMsgOpSetAll = diagcmd::kMsgSetAll;
 constexpr size_t kLogHeader = 8;  // command, 3 pad, operation
 constexpr uint32_t kItemsPerEquipment = 0x1000;
 
