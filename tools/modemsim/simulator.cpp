@@ -25,8 +25,6 @@ namespace {
 
 // How much stream the simulator keeps queued for a slow host before it waits.
 constexpr size_t kQueueLimit = 16 * 1024;
-// With --drop-when-full, the stream goes to the terminal after this many bytes at the most.
-constexpr size_t kTransferSize = 16 * 1024;
 constexpr size_t kMeanFrameSize = 100;  // of the sequence stream, on the wire
 // A driver's buffer fills in the kernel, ahead of any process; the simulator that plays it
 // runs ahead of the host's processes where it may, so that a busy machine does not make it
@@ -251,6 +249,12 @@ void Simulator::send(Port& port, std::string bytes, bool answer, bool now) {
     if (bytes.empty() || port.silent || port.down) {
         return;
     }
+    if (answer && !port.gathering.empty()) {
+        // The module's output is one stream: a transfer begun goes out before the answer.
+        std::string begun;
+        begun.swap(port.gathering);
+        send(port, std::move(begun), false, false);
+    }
     port.offered += bytes.size();
     port.queued += bytes.size();
     const auto due = Clock::now();
@@ -288,8 +292,9 @@ void Simulator::admit(Port& port, std::string&& bytes) {
 
 void Simulator::drain(Port& port) {
     while (port.hostHead < port.host.size()) {
+        // One write per USB transfer, as the driver hands them to the terminal.
         const ssize_t n = write(port.pty.fd(), port.host.data() + port.hostHead,
-                                port.host.size() - port.hostHead);
+                                std::min(opts.transfer, port.host.size() - port.hostHead));
         if (n <= 0) {
             break;  // the terminal is full: the rest waits for the host to read
         }
@@ -355,6 +360,12 @@ void Simulator::stopStream(const std::string& why) {
         return;
     }
     streaming = false;
+    Port* port = diagPort();
+    if (port != nullptr && !port->gathering.empty()) {
+        std::string last;
+        last.swap(port->gathering);
+        send(*port, std::move(last), false, true);
+    }
     event("stream stop " + why + " after " + std::to_string(generated) + " packets");
 }
 
@@ -393,7 +404,6 @@ void Simulator::pump() {
             streamSlots = due - most;
         }
     }
-    size_t unflushed = 0;
     while (streamSlots < due) {
         if (opts.total > 0 && generated >= static_cast<uint64_t>(opts.total)) {
             stopStream("total");
@@ -412,12 +422,20 @@ void Simulator::pump() {
             opts.replayPath.empty() ? frame(simLogPacket(nextSeq++)) : replayFrames[replayNext++];
         ++generated;
         streamSlots += opts.byteRate > 0 ? bytes.size() : 1;
-        unflushed += bytes.size();
-        // Behind flow control every packet is a write of its own; a driver's buffer fills
-        // from transfers of some kilobytes and goes to the terminal in large pieces.
-        const bool now = !opts.dropWhenFull || unflushed >= kTransferSize;
-        send(*port, std::move(bytes), false, now);
-        unflushed = now ? 0 : unflushed;
+        if (!opts.dropWhenFull) {
+            // Behind flow control every packet is a write of its own.
+            send(*port, std::move(bytes), false, true);
+            continue;
+        }
+        // A driver's buffer fills from whole USB transfers of the module.
+        port->gathering += bytes;
+        if (port->gathering.size() >= opts.transfer) {
+            size_t at = 0;
+            for (; port->gathering.size() - at >= opts.transfer; at += opts.transfer) {
+                send(*port, port->gathering.substr(at, opts.transfer), false, false);
+            }
+            port->gathering.erase(0, at);
+        }
     }
     flush(*port);
 }

@@ -50,7 +50,8 @@ private:
         // With --drop-when-full: the host driver's receive buffer, from `hostHead` on.
         std::string host;
         size_t hostHead = 0;
-        size_t queued = 0;  // in `out` and `host`, not yet in the terminal
+        std::string gathering;  // stream bytes of a USB transfer not yet complete
+        size_t queued = 0;      // in `out` and `host`, not yet in the terminal
         uint64_t offered = 0;
         uint64_t written = 0;
         uint64_t dropped = 0;
