@@ -86,6 +86,7 @@ void DiagService::readPort() {
             // The module sends in small packets: a short nap lets them gather, so that one
             // read takes many. The driver's buffer holds far more than a nap's worth. A
             // stream that comes in large pieces is read without naps.
+            ring->publishIfDue();
             usleep(kGatherNapUs);
             continue;
         }
@@ -105,11 +106,16 @@ void DiagService::readPort() {
 }
 
 int DiagService::waitForPort() {
-    // While queued bytes wait for the writer, the wait is short: when the port is quiet
-    // that long, the writer is told, so that a quiet moment finds everything in the file.
-    const bool told = ring->writerTold();
-    const int wait = OS_ADAPT_WaitPortOrWake(diagPort, wakeup.Fd(), told ? -1 : kQuietMs);
-    if (wait == 0 && !told) {
+    // The writer is told of a batch when it is worth a write or when its oldest byte has
+    // waited the store delay, whichever comes first: the wait on the port lasts at most
+    // until then, so that a slow stream is stored within the delay, in few writes.
+    int untilDue = ring->msUntilDue();
+    if (untilDue == 0) {
+        ring->publish();
+        untilDue = -1;
+    }
+    const int wait = OS_ADAPT_WaitPortOrWake(diagPort, wakeup.Fd(), untilDue);
+    if (wait == 0) {
         ring->publish();
     } else if (wait == 2) {
         wakeup.Drain();

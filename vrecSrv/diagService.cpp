@@ -91,7 +91,7 @@ bool DiagService::startReadThread() {
         setupFinished = false;
     }
     if (!ring) {
-        ring = std::make_unique<CaptureRing>(kQueueBytes);
+        ring = std::make_unique<CaptureRing>(kQueueBytes, kStoreDelay);
     }
     readThread.Bind(&DiagService::readPort, this);
     writeThread.Bind(&DiagService::writeLog, this);

@@ -249,14 +249,9 @@ void Simulator::send(Port& port, std::string bytes, bool answer, bool now) {
     if (bytes.empty() || port.silent || port.down) {
         return;
     }
-    if (answer && !port.gathering.empty()) {
-        // The module's output is one stream: a transfer begun goes out before the answer.
-        std::string begun;
-        begun.swap(port.gathering);
-        send(port, std::move(begun), false, false);
-    }
     port.offered += bytes.size();
     port.queued += bytes.size();
+    port.answerQueued = port.answerQueued || answer;
     const auto due = Clock::now();
     if (answer && splitSize > 0) {
         auto at = due;
@@ -291,8 +286,11 @@ void Simulator::admit(Port& port, std::string&& bytes) {
 }
 
 void Simulator::drain(Port& port) {
-    while (port.hostHead < port.host.size()) {
-        // One write per USB transfer, as the driver hands them to the terminal.
+    // The driver hands the terminal whole USB transfers, one write each. The last transfer
+    // of a stream that ended or went silent may be short, and so may one with an answer.
+    const bool shortToo = !streaming || !port.carriesDiag || port.answerQueued || port.silent;
+    while (port.hostHead < port.host.size() &&
+           (shortToo || port.host.size() - port.hostHead >= opts.transfer)) {
         const ssize_t n = write(port.pty.fd(), port.host.data() + port.hostHead,
                                 std::min(opts.transfer, port.host.size() - port.hostHead));
         if (n <= 0) {
@@ -305,6 +303,7 @@ void Simulator::drain(Port& port) {
     if (port.hostHead == port.host.size()) {
         port.host.clear();
         port.hostHead = 0;
+        port.answerQueued = false;
     } else if (port.hostHead > (1u << 20) && port.hostHead > port.host.size() / 2) {
         port.host.erase(0, port.hostHead);
         port.hostHead = 0;
@@ -360,12 +359,6 @@ void Simulator::stopStream(const std::string& why) {
         return;
     }
     streaming = false;
-    Port* port = diagPort();
-    if (port != nullptr && !port->gathering.empty()) {
-        std::string last;
-        last.swap(port->gathering);
-        send(*port, std::move(last), false, true);
-    }
     event("stream stop " + why + " after " + std::to_string(generated) + " packets");
 }
 
@@ -404,6 +397,7 @@ void Simulator::pump() {
             streamSlots = due - most;
         }
     }
+    size_t unflushed = 0;
     while (streamSlots < due) {
         if (opts.total > 0 && generated >= static_cast<uint64_t>(opts.total)) {
             stopStream("total");
@@ -422,20 +416,12 @@ void Simulator::pump() {
             opts.replayPath.empty() ? frame(simLogPacket(nextSeq++)) : replayFrames[replayNext++];
         ++generated;
         streamSlots += opts.byteRate > 0 ? bytes.size() : 1;
-        if (!opts.dropWhenFull) {
-            // Behind flow control every packet is a write of its own.
-            send(*port, std::move(bytes), false, true);
-            continue;
-        }
-        // A driver's buffer fills from whole USB transfers of the module.
-        port->gathering += bytes;
-        if (port->gathering.size() >= opts.transfer) {
-            size_t at = 0;
-            for (; port->gathering.size() - at >= opts.transfer; at += opts.transfer) {
-                send(*port, port->gathering.substr(at, opts.transfer), false, false);
-            }
-            port->gathering.erase(0, at);
-        }
+        unflushed += bytes.size();
+        // Behind flow control every packet is a write of its own; a driver's buffer fills
+        // from the module's packets and goes to the terminal in USB transfers.
+        const bool now = !opts.dropWhenFull || unflushed >= opts.transfer;
+        send(*port, std::move(bytes), false, now);
+        unflushed = now ? 0 : unflushed;
     }
     flush(*port);
 }

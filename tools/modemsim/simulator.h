@@ -50,8 +50,8 @@ private:
         // With --drop-when-full: the host driver's receive buffer, from `hostHead` on.
         std::string host;
         size_t hostHead = 0;
-        std::string gathering;  // stream bytes of a USB transfer not yet complete
-        size_t queued = 0;      // in `out` and `host`, not yet in the terminal
+        bool answerQueued = false;  // the buffer holds an answer: a short transfer goes too
+        size_t queued = 0;          // in `out` and `host`, not yet in the terminal
         uint64_t offered = 0;
         uint64_t written = 0;
         uint64_t dropped = 0;
