@@ -8,7 +8,8 @@ set(VREC_PROGRAMS vrec ${VREC_TOOL_PROGRAMS})
 # resident size down. The C library stays shared unless VREC_STATIC.
 if(VREC_STATIC_RUNTIME AND NOT VREC_STATIC AND NOT VREC_SANITIZE)
   foreach(program ${VREC_PROGRAMS})
-    target_link_options(${program} PRIVATE -static-libstdc++ -static-libgcc)
+    # The linker leaves out the parts of those runtimes that nothing calls.
+    target_link_options(${program} PRIVATE -static-libstdc++ -static-libgcc -Wl,--gc-sections)
   endforeach()
 endif()
 install(TARGETS ${VREC_PROGRAMS} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

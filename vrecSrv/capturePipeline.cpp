@@ -21,8 +21,12 @@ enum class ReadResult { More, Drained, Failed };
 constexpr std::chrono::milliseconds kWriterIdleWait{200};
 // The reader's nice value where it may have one: ahead of ordinary processes.
 constexpr int kReaderNice = -10;
-// While reads bring fewer bytes than this on average, each is followed by a nap.
+// While the port brings fewer bytes than this per wake-up on average, each read is followed
+// by a nap.
 constexpr int kSmallReadBytes = 2048;
+// A terminal hands over at most its line discipline's buffer (4 KiB, less one byte) per
+// read: a read that brought that much most likely left more behind.
+constexpr int kTerminalReadBytes = 4095;
 constexpr useconds_t kGatherNapUs = 1000;
 // A stop gives up on a failing medium after this many further tries.
 constexpr int kStopStoreTries = 2;
@@ -44,7 +48,8 @@ void DiagService::readPort() {
     }
     wakeup.Drain();
     bool afterWait = false;
-    int readSizes = kSmallReadBytes;  // a running mean of the bytes each read brings
+    int readSizes = kSmallReadBytes;  // a running mean of the bytes each wake-up brings
+    int gathered = 0;                 // bytes read since the last wait or nap
     while (running && !writerDone) {
         size_t room = 0;
         char* place = ring->writeSpace(kReadBytes, room);
@@ -64,11 +69,14 @@ void DiagService::readPort() {
             } else {
                 ring->drop(static_cast<size_t>(count));
             }
-            // A read that filled its place may have left more behind; after a shorter one
-            // the wait returns at once if the port has more, and sleeps only if it has not.
-            // (A terminal hands over at most its line buffer per read, so draining with
-            // reads until one comes back empty would cost a read and a sleep per buffer.)
-            result = static_cast<size_t>(count) == room ? ReadResult::More : ReadResult::Drained;
+            // A read that filled its place, or the terminal's buffer, may have left more
+            // behind: the next read follows at once. After a shorter one the wait returns at
+            // once if the port has more, and sleeps only if it has not, so that one transfer
+            // costs one wait, not a wait and an empty read.
+            gathered += count;
+            result = static_cast<size_t>(count) == room || count >= kTerminalReadBytes
+                         ? ReadResult::More
+                         : ReadResult::Drained;
         } else if (count < 0 && errno != EAGAIN && errno != EINTR) {
             result = ReadResult::Failed;
         } else if (count == 0 && afterWait) {
@@ -79,17 +87,19 @@ void DiagService::readPort() {
         if (result == ReadResult::More) {
             continue;
         }
-        if (count > 0) {
-            readSizes += (count - readSizes) / 8;
+        if (gathered > 0) {
+            readSizes += (gathered - readSizes) / 8;
         }
-        if (result == ReadResult::Drained && count > 0 && readSizes < kSmallReadBytes) {
+        if (result == ReadResult::Drained && gathered > 0 && readSizes < kSmallReadBytes) {
             // The module sends in small packets: a short nap lets them gather, so that one
             // read takes many. The driver's buffer holds far more than a nap's worth. A
             // stream that comes in large pieces is read without naps.
+            gathered = 0;
             ring->publishIfDue();
             usleep(kGatherNapUs);
             continue;
         }
+        gathered = 0;
         if (result == ReadResult::Drained) {
             const int wait = waitForPort();
             if (wait >= 0) {

@@ -75,8 +75,9 @@ public:
     size_t mappedBlocks() const;
 
 private:
-    // Emptied blocks on their way back from the writer to the reader.
-    static constexpr size_t kSpareBlocks = 2;
+    // Emptied blocks on their way back from the writer to the reader. One is enough while
+    // storage keeps up: the writer stores each batch before the reader fills the next block.
+    static constexpr size_t kSpareBlocks = 1;
 
     char* takeBlock();
     void giveBackBlock(char* data);
