@@ -655,10 +655,29 @@ void stallSweep(const Settings& settings, const std::string& dir) {
 struct SmallRun {
     uint64_t lost = UINT64_MAX;  // UINT64_MAX: the run failed
     uint64_t captured = 0;
+    // Processor time of the capturing process while it captured `steadyBytes`: from its
+    // first stored byte to the end of the stream, so that start-up work (finding the port,
+    // reading command files) does not weigh on a short run.
     double cpuSeconds = 0;
+    uint64_t steadyBytes = 0;
     long peakKiB = 0;
     double mbps = 0;  // what the simulator offered, in its stream's own time
 };
+
+// Processor time of all threads of `pid` so far, in seconds.
+double threadSeconds(pid_t pid) {
+    std::error_code error;
+    uint64_t ns = 0;
+    for (const auto& task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+        std::ifstream in(task.path() / "schedstat");
+        uint64_t onCpu = 0;
+        if (in >> onCpu) {
+            ns += onCpu;
+        }
+    }
+    return static_cast<double>(ns) / 1e9;
+}
 
 SmallRun smallRun(const std::string& dir, long bytesPerSecond, long transfer, int seconds,
                   bool byVrec, const std::string& cgroup) {
@@ -678,13 +697,19 @@ SmallRun smallRun(const std::string& dir, long bytesPerSecond, long transfer, in
                               : byVrec ? startVrec(capDir, sim.port(), simDir + "/vrec.out", cgroup)
                                        : startCopy(sim.port(), file, 0, capDir, cgroup);
         if (capture > 0) {
+            for (const auto start = Clock::now(); fileSize(file) == 0 && secondsSince(start) < 10;
+                 usleep(1000)) {
+            }
+            const uint64_t firstBytes = fileSize(file);
+            const double firstCpu = threadSeconds(capture);
             const Sim::Counts counts = sim.settled(seconds + 20);
             for (const auto start = Clock::now();
                  fileSize(file) < counts.written && secondsSince(start) < 3; usleep(10000)) {
             }
             run.captured = fileSize(file);
+            run.cpuSeconds = threadSeconds(capture) - firstCpu;
+            run.steadyBytes = run.captured - std::min(run.captured, firstBytes);
             const Usage usage = finish(capture, byVrec ? SIGQUIT : SIGTERM);
-            run.cpuSeconds = usage.cpuSeconds;
             run.peakKiB = usage.peakKiB;
             if (!byVrec) {
                 // The copy's own figure: the one of its process includes the fork it came from.
@@ -732,7 +757,9 @@ void smallCpu(const Settings& settings, const std::string& dir, long transfer) {
                     ++failed;
                     continue;
                 }
-                cpu[who].push_back(run.cpuSeconds / (static_cast<double>(run.captured) / kGiB));
+                cpu[who].push_back(
+                    run.cpuSeconds /
+                    (static_cast<double>(std::max<uint64_t>(1, run.steadyBytes)) / kGiB));
                 peak[who] = std::max(peak[who], run.peakKiB);
             }
         }

@@ -4,6 +4,7 @@
 // port: not on storage, not on the terminal, not on the diagnostic log, not on a start set.
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include <unistd.h>
@@ -21,12 +22,10 @@ enum class ReadResult { More, Drained, Failed };
 constexpr std::chrono::milliseconds kWriterIdleWait{200};
 // The reader's nice value where it may have one: ahead of ordinary processes.
 constexpr int kReaderNice = -10;
-// While the port brings fewer bytes than this per wake-up on average, each read is followed
-// by a nap.
-constexpr int kSmallReadBytes = 2048;
 // A terminal hands over at most its line discipline's buffer (4 KiB, less one byte) per
 // read: a read that brought that much most likely left more behind.
 constexpr int kTerminalReadBytes = 4095;
+// A port that wakes the reader again sooner than this is read after naps of this length.
 constexpr useconds_t kGatherNapUs = 1000;
 // A stop gives up on a failing medium after this many further tries.
 constexpr int kStopStoreTries = 2;
@@ -48,8 +47,9 @@ void DiagService::readPort() {
     }
     wakeup.Drain();
     bool afterWait = false;
-    int readSizes = kSmallReadBytes;  // a running mean of the bytes each wake-up brings
-    int gathered = 0;                 // bytes read since the last wait or nap
+    int gathered = 0;  // bytes read since the last wait or nap
+    bool napping = false;
+    auto lastWake = std::chrono::steady_clock::time_point();
     while (running && !writerDone) {
         size_t room = 0;
         char* place = ring->writeSpace(kReadBytes, room);
@@ -87,23 +87,28 @@ void DiagService::readPort() {
         if (result == ReadResult::More) {
             continue;
         }
+        // A port that brings transfers faster than one a nap is read after naps for as long
+        // as each brings bytes: one read then takes many transfers, and the port costs a
+        // wake-up per nap, not per transfer. The driver's buffer holds far more than a
+        // nap's worth. Transfers that come further apart are each waited for.
+        napping = result == ReadResult::Drained && gathered > 0 && napping;
         if (gathered > 0) {
-            readSizes += (gathered - readSizes) / 8;
-        }
-        if (result == ReadResult::Drained && gathered > 0 && readSizes < kSmallReadBytes) {
-            // The module sends in small packets: a short nap lets them gather, so that one
-            // read takes many. The driver's buffer holds far more than a nap's worth. A
-            // stream that comes in large pieces is read without naps.
-            gathered = 0;
             ring->publishIfDue();
+        }
+        gathered = 0;
+        if (napping) {
             usleep(kGatherNapUs);
             continue;
         }
-        gathered = 0;
         if (result == ReadResult::Drained) {
             const int wait = waitForPort();
             if (wait >= 0) {
                 afterWait = wait == 1;
+                if (afterWait) {
+                    const auto now = std::chrono::steady_clock::now();
+                    napping = now - lastWake < std::chrono::microseconds(kGatherNapUs);
+                    lastWake = now;
+                }
                 continue;
             }
         }

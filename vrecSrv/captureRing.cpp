@@ -123,7 +123,9 @@ void CaptureRing::publish() {
 }
 
 void CaptureRing::publishIfDue() {
-    if (tail != notifiedAt && SteadyClock::now() - untoldSince >= delay) {
+    // A little before the delay is over: a stream that keeps coming is then told of at a
+    // read, and the reader needs no wake-up of its own for it.
+    if (tail != notifiedAt && SteadyClock::now() - untoldSince >= delay * 4 / 5) {
         notifyWriter();
     }
 }

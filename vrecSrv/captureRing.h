@@ -48,7 +48,7 @@ public:
     void drop(size_t count);
     // Lets a waiting writer take what is queued now, without waiting for more.
     void publish();
-    // Tells the writer if the oldest byte it was not told of has waited the delay.
+    // Tells the writer if the oldest byte it was not told of has waited most of the delay.
     void publishIfDue();
     // Milliseconds until that byte's delay is over (0: it is), -1 when the writer was told
     // of every byte queued.

@@ -40,7 +40,7 @@ public:
     static constexpr int kStoreRetryMs = 1000;
     // Bytes read wait at most this long before the writer is told of them (it is told
     // sooner of a batch worth a write): what a crash of the process can take with it.
-    static constexpr std::chrono::milliseconds kStoreDelay{50};
+    static constexpr std::chrono::milliseconds kStoreDelay{100};
     static constexpr useconds_t kStartSettleUs = 30000;
 
     static DiagService* getInstance();

@@ -145,7 +145,7 @@ TEST(CaptureRing, TheWriterWakesForBatchesNotForEveryRead) {
     EXPECT_EQ(CaptureRing::kBatchBytes, ring.peek(parts, 1 << 20, milliseconds(5000)));
     ring.consume(CaptureRing::kBatchBytes);
 
-    // A small batch is told once its oldest byte has waited the delay, and no sooner.
+    // A small batch is told once its oldest byte has waited most of the delay, and no sooner.
     EXPECT_EQ(-1, ring.msUntilDue());
     put(ring, std::string(10, 'c'));
     const int due = ring.msUntilDue();
@@ -160,7 +160,7 @@ TEST(CaptureRing, TheWriterWakesForBatchesNotForEveryRead) {
     });
     EXPECT_EQ(10u, ring.peek(parts, 1 << 20, milliseconds(5000)));
     const auto waited = std::chrono::steady_clock::now() - queued;
-    EXPECT_GE(waited, milliseconds(50));
+    EXPECT_GE(waited, milliseconds(40)) << "told before most of the delay";
     EXPECT_LT(waited, milliseconds(4000));
     reader.join();
     ring.consume(10);
