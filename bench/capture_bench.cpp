@@ -808,10 +808,11 @@ void smallLadder(const Settings& settings, const std::string& dir, long transfer
         }
     }
     printf(
-        "%g%% of a core: highest rate with nothing lost: plain copy %s MB/s (%.2f reached), "
-        "vrec %s MB/s (%.2f reached)\n",
-        percent, rateText(median(best[0])).c_str(), median(reached[0]),
-        rateText(median(best[1])).c_str(), median(reached[1]));
+        "%g%% of a core (%ld us in %ld us): highest rate with nothing lost: plain copy %s "
+        "MB/s (%.2f reached), vrec %s MB/s (%.2f reached)\n",
+        percent, static_cast<long>(cpuLimit.period() * percent / 100), cpuLimit.period(),
+        rateText(median(best[0])).c_str(), median(reached[0]), rateText(median(best[1])).c_str(),
+        median(reached[1]));
     fflush(stdout);
 }
 
@@ -829,8 +830,8 @@ void smallProcessor(const Settings& settings, const std::string& dir) {
             printf("limited to a share of a core: left out: %s\n", cpuLimit.whyNot().c_str());
             continue;
         }
-        printf("limited (%ld us period), the simulator and the bench outside the limit:\n",
-               benchkit::CpuLimit::kPeriodUs);
+        printf("limited, the simulator and the bench outside the limit:\n");
+        fflush(stdout);
         for (const double percent : settings.sharesPercent) {
             smallLadder(settings, dir, transfer, cpuLimit, percent);
         }

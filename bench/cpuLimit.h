@@ -48,17 +48,30 @@ public:
     const std::string& whyNot() const { return why; }
     std::string procs() const { return dir + "/cgroup.procs"; }
 
+    // The kernel takes no quota below 1 ms: smaller shares get a longer period.
+    static constexpr long kLeastQuotaUs = 1000;
+
     // `percent` of one core; 0 lifts the limit.
     bool limit(double percent) {
-        const long quota = static_cast<long>(kPeriodUs * percent / 100);
+        long period = kPeriodUs;
+        long quota = static_cast<long>(period * percent / 100);
+        if (percent > 0 && quota < kLeastQuotaUs) {
+            quota = kLeastQuotaUs;
+            period = static_cast<long>(quota * 100 / percent);
+        }
+        periodUs = period;
         if (version == 2) {
             return put(dir + "/cpu.max",
                        (percent > 0 ? std::to_string(quota) : std::string("max")) + " " +
-                           std::to_string(kPeriodUs));
+                           std::to_string(period));
         }
-        return put(dir + "/cpu.cfs_period_us", std::to_string(kPeriodUs)) &&
-               put(dir + "/cpu.cfs_quota_us", percent > 0 ? std::to_string(quota) : "-1");
+        // Quota first when the period grows, so that the kernel never sees a quota above it.
+        return put(dir + "/cpu.cfs_quota_us", "-1") &&
+               put(dir + "/cpu.cfs_period_us", std::to_string(period)) &&
+               (percent <= 0 || put(dir + "/cpu.cfs_quota_us", std::to_string(quota)));
     }
+    // The period of the last limit set.
+    long period() const { return periodUs; }
 
     // For the child between fork and exec: joins the cgroup at `procs`.
     static bool join(const std::string& procs) { return put(procs, std::to_string(getpid())); }
@@ -96,6 +109,7 @@ private:
     std::string dir;
     std::string why;
     int version = 0;
+    long periodUs = kPeriodUs;
 };
 
 }  // namespace benchkit
