@@ -27,6 +27,7 @@ constexpr int kReaderNice = -10;
 constexpr int kTerminalReadBytes = 4095;
 // A port that wakes the reader again sooner than this is read after naps of this length.
 constexpr useconds_t kGatherNapUs = 1000;
+
 // A stop gives up on a failing medium after this many further tries.
 constexpr int kStopStoreTries = 2;
 
@@ -49,6 +50,7 @@ void DiagService::readPort() {
     bool afterWait = false;
     int gathered = 0;  // bytes read since the last wait or nap
     bool napping = false;
+    bool bufferFilled = false;  // a read since the last wait or nap brought a full buffer
     auto lastWake = std::chrono::steady_clock::time_point();
     while (running && !writerDone) {
         size_t room = 0;
@@ -74,6 +76,7 @@ void DiagService::readPort() {
             // once if the port has more, and sleeps only if it has not, so that one transfer
             // costs one wait, not a wait and an empty read.
             gathered += count;
+            bufferFilled = bufferFilled || count >= kTerminalReadBytes;
             result = static_cast<size_t>(count) == room || count >= kTerminalReadBytes
                          ? ReadResult::More
                          : ReadResult::Drained;
@@ -91,7 +94,9 @@ void DiagService::readPort() {
         // as each brings bytes: one read then takes many transfers, and the port costs a
         // wake-up per nap, not per transfer. The driver's buffer holds far more than a
         // nap's worth. Transfers that come further apart are each waited for.
-        napping = result == ReadResult::Drained && gathered > 0 && napping;
+        // A terminal buffer filled during the nap: the stream is too fast to nap on.
+        napping = result == ReadResult::Drained && gathered > 0 && !bufferFilled && napping;
+        bufferFilled = false;
         if (gathered > 0) {
             ring->publishIfDue();
         }
