@@ -5,11 +5,16 @@
 // simulator's one-write-per-packet stream; then, on storage that stalls 250 ms every second,
 // the highest rate of a module that never waits (the simulator's driver model) at which
 // nothing is lost. The simulator's stream also comes through a PCIe module's port, its
-// WWAN stand-in (a FUSE file that is not a terminal), where libfuse3 is there.
+// WWAN stand-in (a FUSE file that is not a terminal), where libfuse3 is there. With --small,
+// the rates modules really send on a small processor instead: processor seconds per GiB at a
+// few rates, and the highest rate with nothing lost with the capturing process held to a
+// share of one core, for large and small USB transfers.
 // Not a test: it prints figures.
 //   capture_bench [--quick] [--rounds N] [--blocks MIB] [--packets MIB]
 //                 [--rates MB,MB,...] [--seconds S] [--stall MS/EVERY] [--no-sweep]
 //                 [--no-wwan]
+//   capture_bench --small [--rounds N] [--seconds S] [--transfers B,B] [--cpu-rates MB,...]
+//                 [--shares PCT,PCT] [--ladder MB,MB,...]
 #include <fcntl.h>
 #include <net/if.h>
 #include <poll.h>
@@ -39,6 +44,7 @@
 #include <thread>
 #include <vector>
 
+#include "cpuLimit.h"
 #include "hdlc.h"
 #include "seqStream.h"
 
@@ -66,6 +72,12 @@ struct Settings {
     long everyMs = 1000;
     bool sweep = true;
     bool wwan = true;
+    // The small-processor mode.
+    bool small = false;
+    std::vector<long> transfers = {4096, 512};
+    std::vector<double> cpuRatesMB = {0.5, 2, 8};
+    std::vector<double> sharesPercent = {10, 5};
+    std::vector<double> ladderMB = {0.25, 0.5, 1, 1.5, 2, 3, 4, 6, 8, 12, 16, 24, 32, 48};
 };
 
 // Where a capture's stream comes from.
@@ -96,8 +108,10 @@ uint64_t fileSize(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
 }
 
-// Starts `argv` in `dir` with its standard output to `out`.
-pid_t spawn(const std::vector<std::string>& argv, const std::string& dir, const std::string& out) {
+// Starts `argv` in `dir` with its standard output to `out`, in the cgroup whose process list
+// is `cgroup` if one is given.
+pid_t spawn(const std::vector<std::string>& argv, const std::string& dir, const std::string& out,
+            const std::string& cgroup = "") {
     std::vector<char*> args;
     for (const std::string& a : argv) {
         args.push_back(const_cast<char*>(a.c_str()));
@@ -106,7 +120,8 @@ pid_t spawn(const std::vector<std::string>& argv, const std::string& dir, const 
     const pid_t pid = fork();
     if (pid == 0) {
         const int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (chdir(dir.c_str()) != 0 || fd < 0) {
+        if (chdir(dir.c_str()) != 0 || fd < 0 ||
+            (!cgroup.empty() && !benchkit::CpuLimit::join(cgroup))) {
             _exit(126);
         }
         dup2(fd, STDOUT_FILENO);
@@ -164,7 +179,13 @@ int openRaw(const std::string& port) {
 // The plain copy, run as a process of its own (this program with --plain-copy) so that its
 // processor time is its own: asks for the stream, then waits, reads up to 64 KiB and writes
 // each read to `file`, until `bytes` came (0: until it is told to end).
+volatile sig_atomic_t g_copyEnds = 0;
+
 int plainCopy(const std::string& port, const std::string& file, uint64_t bytes) {
+    // Told to end, it still reports its peak.
+    struct sigaction ending {};
+    ending.sa_handler = [](int) { g_copyEnds = 1; };
+    sigaction(SIGTERM, &ending, nullptr);
     const int fd = openRaw(port);
     const int out = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0 || out < 0) {
@@ -176,11 +197,14 @@ int plainCopy(const std::string& port, const std::string& file, uint64_t bytes) 
         perror("plain copy: write");
     }
     std::vector<char> buffer(64 * 1024);
-    for (uint64_t got = 0; bytes == 0 || got < bytes;) {
+    for (uint64_t got = 0; (bytes == 0 || got < bytes) && g_copyEnds == 0;) {
         pollfd pfd{fd, POLLIN, 0};
         const int ready = poll(&pfd, 1, bytes == 0 ? -1 : 10000);
         if (ready == 0 || (ready < 0 && errno != EINTR)) {
             return 1;
+        }
+        if (ready < 0) {
+            continue;
         }
         const ssize_t n = read(fd, buffer.data(), buffer.size());
         if (n <= 0) {
@@ -204,14 +228,15 @@ int plainCopy(const std::string& port, const std::string& file, uint64_t bytes) 
 }
 
 pid_t startCopy(const std::string& port, const std::string& file, uint64_t bytes,
-                const std::string& dir) {
+                const std::string& dir, const std::string& cgroup = "") {
     return spawn({"/proc/self/exe", "--plain-copy", port, file, std::to_string(bytes)}, dir,
-                 dir + "/copy.out");
+                 dir + "/copy.out", cgroup);
 }
 
 // vrec captures in `dir` from `port`, printing to `out`; the pid of the background run, -1
 // if none.
-pid_t startVrec(const std::string& dir, const std::string& port, const std::string& out) {
+pid_t startVrec(const std::string& dir, const std::string& port, const std::string& out,
+                const std::string& cgroup = "") {
     for (const auto& file : {std::make_pair("/startcmd.txt", kStartRequest),
                              std::make_pair("/stopcmd.txt", kStopRequest)}) {
         std::string text = "{";
@@ -223,7 +248,7 @@ pid_t startVrec(const std::string& dir, const std::string& port, const std::stri
         writeAll(dir + file.first, text + "}");
     }
     // vrec forks and its launcher ends once the run is up; the run, its child, comes to us.
-    finish(spawn({kVrec, "-d", port}, dir, out), 0);
+    finish(spawn({kVrec, "-d", port}, dir, out, cgroup), 0);
     const std::string self = std::to_string(getpid());
     for (int tries = 0; tries < 1000; ++tries) {
         std::ifstream children("/proc/" + self + "/task/" + self + "/children");
@@ -638,6 +663,197 @@ void stallSweep(const Settings& settings, const std::string& dir) {
         best[0], reached[0], best[1], reached[1], failed[1] ? "" : ", the highest tried");
 }
 
+// ---- the small processor ----
+
+// One capture of a module that never waits, sending `bytesPerSecond` in USB transfers of
+// `transfer` bytes for `seconds`, onto a directory that keeps up, by vrec or the plain copy,
+// in the cgroup `cgroup` if one is given.
+struct SmallRun {
+    uint64_t lost = UINT64_MAX;  // UINT64_MAX: the run failed
+    uint64_t captured = 0;
+    // Processor time of the capturing process while it captured `steadyBytes`: from its
+    // first stored byte to the end of the stream, so that start-up work (finding the port,
+    // reading command files) does not weigh on a short run.
+    double cpuSeconds = 0;
+    uint64_t steadyBytes = 0;
+    long peakKiB = 0;
+    double mbps = 0;  // what the simulator offered, in its stream's own time
+};
+
+// Processor time of all threads of `pid` so far, in seconds.
+double threadSeconds(pid_t pid) {
+    std::error_code error;
+    uint64_t ns = 0;
+    for (const auto& task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+        std::ifstream in(task.path() / "schedstat");
+        uint64_t onCpu = 0;
+        if (in >> onCpu) {
+            ns += onCpu;
+        }
+    }
+    return static_cast<double>(ns) / 1e9;
+}
+
+SmallRun smallRun(const std::string& dir, long bytesPerSecond, long transfer, int seconds,
+                  bool byVrec, const std::string& cgroup) {
+    const std::string simDir = dir + "/sim";
+    const std::string capDir = dir + "/run";
+    mkdir(simDir.c_str(), 0755);
+    mkdir(capDir.c_str(), 0755);
+    const uint64_t packets =
+        std::max<uint64_t>(1, static_cast<uint64_t>(bytesPerSecond) * seconds / meanFrameSize());
+    SmallRun run;
+    {
+        Sim sim(simDir,
+                {"--drop-when-full", "--byte-rate", std::to_string(bytesPerSecond), "--transfer",
+                 std::to_string(transfer), "--total", std::to_string(packets)});
+        const std::string file = capDir + (byVrec ? "/real_log.bin" : "/copy.bin");
+        const pid_t capture = !sim.ready() ? -1
+                              : byVrec ? startVrec(capDir, sim.port(), simDir + "/vrec.out", cgroup)
+                                       : startCopy(sim.port(), file, 0, capDir, cgroup);
+        if (capture > 0) {
+            for (const auto start = Clock::now(); fileSize(file) == 0 && secondsSince(start) < 10;
+                 usleep(1000)) {
+            }
+            const uint64_t firstBytes = fileSize(file);
+            const double firstCpu = threadSeconds(capture);
+            const Sim::Counts counts = sim.settled(seconds + 20);
+            for (const auto start = Clock::now();
+                 fileSize(file) < counts.written && secondsSince(start) < 3; usleep(10000)) {
+            }
+            run.captured = fileSize(file);
+            run.cpuSeconds = threadSeconds(capture) - firstCpu;
+            run.steadyBytes = run.captured - std::min(run.captured, firstBytes);
+            const Usage usage = finish(capture, byVrec ? SIGQUIT : SIGTERM);
+            run.peakKiB = usage.peakKiB;
+            if (!byVrec) {
+                // The copy's own figure: the one of its process includes the fork it came from.
+                const std::string said = readAll(capDir + "/copy.out");
+                const size_t at = said.find("peak ");
+                run.peakKiB = at == std::string::npos ? 0 : atol(said.c_str() + at + 5);
+            }
+            if (counts.valid) {
+                run.lost = counts.dropped +
+                           (counts.written > run.captured ? counts.written - run.captured : 0);
+            }
+            const std::string record = readAll(simDir + "/record.txt");
+            const size_t startAt = record.rfind('\n', record.find(" stream start"));
+            const size_t stopAt = record.rfind('\n', record.find(" stream stop"));
+            const long ms = atol(record.c_str() + stopAt + 1) - atol(record.c_str() + startAt + 1);
+            run.mbps =
+                static_cast<double>(counts.offered) / 1e3 / static_cast<double>(std::max(1L, ms));
+        }
+    }
+    removeTree(simDir);
+    removeTree(capDir);
+    return run;
+}
+
+std::string rateText(double mb) {
+    char text[32];
+    snprintf(text, sizeof(text), "%g", mb);
+    return text;
+}
+
+// Processor seconds per GiB at the rates modules send, without a limit, each rate a pair of
+// runs per round in alternating order; medians.
+void smallCpu(const Settings& settings, const std::string& dir, long transfer) {
+    printf("%-10s %14s %14s %10s %14s %14s\n", "MB/s", "copy CPU s/GiB", "vrec CPU s/GiB",
+           "vrec/copy", "copy peak RSS", "vrec peak RSS");
+    for (const double rate : settings.cpuRatesMB) {
+        std::vector<double> cpu[2];
+        long peak[2] = {0, 0};
+        int failed = 0;
+        for (int round = 0; round < settings.rounds; ++round) {
+            for (const int who : {round % 2, 1 - round % 2}) {
+                const SmallRun run = smallRun(dir, static_cast<long>(rate * 1e6), transfer,
+                                              settings.seconds, who == 1, "");
+                if (run.lost != 0 || run.captured == 0) {
+                    ++failed;
+                    continue;
+                }
+                cpu[who].push_back(
+                    run.cpuSeconds /
+                    (static_cast<double>(std::max<uint64_t>(1, run.steadyBytes)) / kGiB));
+                peak[who] = std::max(peak[who], run.peakKiB);
+            }
+        }
+        printf("%-10s %14.2f %14.2f %10.2f %10.2f MiB %10.2f MiB%s\n", rateText(rate).c_str(),
+               median(cpu[0]), median(cpu[1]), median(cpu[1]) / median(cpu[0]),
+               static_cast<double>(peak[0]) / 1024, static_cast<double>(peak[1]) / 1024,
+               failed > 0 ? "  (runs with loss left out)" : "");
+        fflush(stdout);
+    }
+}
+
+// The highest rate of the ladder with nothing lost, for each capture held to `percent` of a
+// core; each round climbs the ladder for both in turn, until each loses.
+void smallLadder(const Settings& settings, const std::string& dir, long transfer,
+                 benchkit::CpuLimit& cpuLimit, double percent) {
+    if (!cpuLimit.limit(percent)) {
+        printf("%g%% of a core: left out: the cgroup's limit could not be set\n", percent);
+        return;
+    }
+    std::vector<double> best[2];
+    std::vector<double> reached[2];
+    for (int round = 0; round < settings.rounds; ++round) {
+        double top[2] = {0, 0};
+        double got[2] = {0, 0};
+        bool done[2] = {false, false};
+        for (const double rate : settings.ladderMB) {
+            for (const int who : {round % 2, 1 - round % 2}) {
+                if (done[who]) {
+                    continue;
+                }
+                const SmallRun run = smallRun(dir, static_cast<long>(rate * 1e6), transfer,
+                                              settings.seconds, who == 1, cpuLimit.procs());
+                done[who] = run.lost != 0;
+                if (!done[who]) {
+                    top[who] = rate;
+                    got[who] = run.mbps;
+                }
+            }
+            if (done[0] && done[1]) {
+                break;
+            }
+        }
+        for (int who = 0; who < 2; ++who) {
+            best[who].push_back(top[who]);
+            reached[who].push_back(got[who]);
+        }
+    }
+    printf(
+        "%g%% of a core (%ld us in %ld us): highest rate with nothing lost: plain copy %s "
+        "MB/s (%.2f reached), vrec %s MB/s (%.2f reached)\n",
+        percent, static_cast<long>(cpuLimit.period() * percent / 100), cpuLimit.period(),
+        rateText(median(best[0])).c_str(), median(reached[0]), rateText(median(best[1])).c_str(),
+        median(reached[1]));
+    fflush(stdout);
+}
+
+void smallProcessor(const Settings& settings, const std::string& dir) {
+    benchkit::CpuLimit cpuLimit;
+    printf(
+        "small processor: a module that never waits (vrec-modemsim --drop-when-full,\n"
+        "640 KiB host buffer), %d s per run, %d rounds, medians; vrec and the plain copy\n"
+        "in turn; storage keeps up\n",
+        settings.seconds, settings.rounds);
+    for (const long transfer : settings.transfers) {
+        printf("\nUSB transfers of %ld bytes, no limit:\n", transfer);
+        smallCpu(settings, dir, transfer);
+        if (!cpuLimit.usable()) {
+            printf("limited to a share of a core: left out: %s\n", cpuLimit.whyNot().c_str());
+            continue;
+        }
+        printf("limited, the simulator and the bench outside the limit:\n");
+        fflush(stdout);
+        for (const double percent : settings.sharesPercent) {
+            smallLadder(settings, dir, transfer, cpuLimit, percent);
+        }
+    }
+}
+
 // Namespaces of our own: vrec's control port meets no other run, and the stalling storage
 // goes away with us whatever happens.
 void isolate() {
@@ -682,6 +898,24 @@ bool parseSettings(int argc, char** argv, Settings* settings) {
         } else if (arg == "--stall" &&
                    sscanf(value, "%ld/%ld", &settings->stallMs, &settings->everyMs) == 2) {
             ++i;
+        } else if (arg == "--small") {
+            settings->small = true;
+            settings->rounds = 3;
+        } else if ((arg == "--transfers" || arg == "--cpu-rates" || arg == "--shares" ||
+                    arg == "--ladder") &&
+                   atof(value) > 0) {
+            std::vector<double> list;
+            std::istringstream items(argv[++i]);
+            for (std::string item; std::getline(items, item, ',');) {
+                list.push_back(atof(item.c_str()));
+            }
+            if (arg == "--transfers") {
+                settings->transfers.assign(list.begin(), list.end());
+            } else {
+                (arg == "--cpu-rates" ? settings->cpuRatesMB
+                 : arg == "--shares"  ? settings->sharesPercent
+                                      : settings->ladderMB) = list;
+            }
         } else if (arg == "--rates" && atol(value) >= 1) {
             settings->ratesMB.clear();
             std::istringstream list(argv[++i]);
@@ -689,12 +923,15 @@ bool parseSettings(int argc, char** argv, Settings* settings) {
                 settings->ratesMB.push_back(atol(rate.c_str()));
             }
         } else {
-            fprintf(stderr,
-                    "capture_bench: bad argument %s\n"
-                    "usage: capture_bench [--quick] [--rounds N] [--blocks MIB] [--packets MIB]\n"
-                    "                     [--rates MB,MB,...] [--seconds S] [--stall MS/EVERY]\n"
-                    "                     [--no-sweep] [--no-wwan]\n",
-                    arg.c_str());
+            fprintf(
+                stderr,
+                "capture_bench: bad argument %s\n"
+                "usage: capture_bench [--quick] [--rounds N] [--blocks MIB] [--packets MIB]\n"
+                "                     [--rates MB,MB,...] [--seconds S] [--stall MS/EVERY]\n"
+                "                     [--no-sweep] [--no-wwan]\n"
+                "       capture_bench --small [--rounds N] [--seconds S] [--transfers B,B]\n"
+                "                     [--cpu-rates MB,...] [--shares PCT,PCT] [--ladder MB,...]\n",
+                arg.c_str());
             return false;
         }
     }
@@ -720,6 +957,11 @@ int main(int argc, char** argv) {
         return 1;
     }
     const std::string dir = pattern;
+    if (settings.small) {
+        smallProcessor(settings, dir);
+        removeTree(dir);
+        return 0;
+    }
 
     printf(
         "%d rounds, medians; each round a plain copy and vrec on the same stream, in turn\n"

@@ -3,6 +3,15 @@
 include(GNUInstallDirs)
 
 set(VREC_PROGRAMS vrec ${VREC_TOOL_PROGRAMS})
+# The C++ and GCC runtimes go into the programs: a board's C library may lack the versions
+# a dynamic build asks for, and the linked-in copy holds only what is used, which keeps the
+# resident size down. The C library stays shared unless VREC_STATIC.
+if(VREC_STATIC_RUNTIME AND NOT VREC_STATIC AND NOT VREC_SANITIZE)
+  foreach(program ${VREC_PROGRAMS})
+    # The linker leaves out the parts of those runtimes that nothing calls.
+    target_link_options(${program} PRIVATE -static-libstdc++ -static-libgcc -Wl,--gc-sections)
+  endforeach()
+endif()
 install(TARGETS ${VREC_PROGRAMS} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 foreach(program ${VREC_PROGRAMS})
   if(EXISTS ${PROJECT_SOURCE_DIR}/man/${program}.1)

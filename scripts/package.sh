@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the Debian packages of vrec into dist/ and checks each (scripts/checkdeb.sh):
-# amd64 from a native release build, linked against the system's C and C++ libraries;
+# amd64 from a native release build, linked against the system's C library (the C++ and
+# GCC runtimes are linked in);
 # arm64 and armhf static, from the cross builds of scripts/cross.sh.
 #   scripts/package.sh [amd64|arm64|armhf]...      (default: all three)
 set -euo pipefail

@@ -4,6 +4,7 @@
 // port: not on storage, not on the terminal, not on the diagnostic log, not on a start set.
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include <unistd.h>
@@ -22,9 +23,12 @@ enum class ReadResult { More, Drained, Failed };
 constexpr std::chrono::milliseconds kWriterIdleWait{200};
 // The reader's nice value where it may have one: ahead of ordinary processes.
 constexpr int kReaderNice = -10;
-// While reads bring fewer bytes than this on average, each is followed by a nap.
-constexpr int kSmallReadBytes = 2048;
+// A terminal hands over at most its line discipline's buffer (4 KiB, less one byte) per
+// read: a read that brought that much most likely left more behind.
+constexpr int kTerminalReadBytes = 4095;
+// A port that wakes the reader again sooner than this is read after naps of this length.
 constexpr useconds_t kGatherNapUs = 1000;
+
 // A stop gives up on a failing medium after this many further tries.
 constexpr int kStopStoreTries = 2;
 
@@ -45,7 +49,10 @@ void DiagService::readPort() {
     }
     wakeup.Drain();
     bool afterWait = false;
-    int readSizes = kSmallReadBytes;  // a running mean of the bytes each read brings
+    int gathered = 0;  // bytes read since the last wait or nap
+    bool napping = false;
+    bool bufferFilled = false;  // a read since the last wait or nap brought a full buffer
+    auto lastWake = std::chrono::steady_clock::time_point();
     while (running && !writerDone) {
         size_t room = 0;
         char* place = ring->writeSpace(kReadBytes, room);
@@ -65,11 +72,15 @@ void DiagService::readPort() {
             } else {
                 ring->drop(static_cast<size_t>(count));
             }
-            // A read that filled its place may have left more behind; after a shorter one
-            // the wait returns at once if the port has more, and sleeps only if it has not.
-            // (A terminal hands over at most its line buffer per read, so draining with
-            // reads until one comes back empty would cost a read and a sleep per buffer.)
-            result = static_cast<size_t>(count) == room ? ReadResult::More : ReadResult::Drained;
+            // A read that filled its place, or the terminal's buffer, may have left more
+            // behind: the next read follows at once. After a shorter one the wait returns at
+            // once if the port has more, and sleeps only if it has not, so that one transfer
+            // costs one wait, not a wait and an empty read.
+            gathered += count;
+            bufferFilled = bufferFilled || count >= kTerminalReadBytes;
+            result = static_cast<size_t>(count) == room || count >= kTerminalReadBytes
+                         ? ReadResult::More
+                         : ReadResult::Drained;
         } else if (count < 0 && errno != EAGAIN && errno != EINTR) {
             result = ReadResult::Failed;
         } else if (count == 0 && afterWait) {
@@ -80,13 +91,18 @@ void DiagService::readPort() {
         if (result == ReadResult::More) {
             continue;
         }
-        if (count > 0) {
-            readSizes += (count - readSizes) / 8;
+        // A port that brings transfers faster than one a nap is read after naps for as long
+        // as each brings bytes: one read then takes many transfers, and the port costs a
+        // wake-up per nap, not per transfer. The driver's buffer holds far more than a
+        // nap's worth. Transfers that come further apart are each waited for.
+        // A terminal buffer filled during the nap: the stream is too fast to nap on.
+        napping = result == ReadResult::Drained && gathered > 0 && !bufferFilled && napping;
+        bufferFilled = false;
+        if (gathered > 0) {
+            ring->publishIfDue();
         }
-        if (result == ReadResult::Drained && count > 0 && readSizes < kSmallReadBytes) {
-            // The module sends in small packets: a short nap lets them gather, so that one
-            // read takes many. The driver's buffer holds far more than a nap's worth. A
-            // stream that comes in large pieces is read without naps.
+        gathered = 0;
+        if (napping) {
             usleep(kGatherNapUs);
             continue;
         }
@@ -94,6 +110,11 @@ void DiagService::readPort() {
             const int wait = waitForPort();
             if (wait >= 0) {
                 afterWait = wait == 1;
+                if (afterWait) {
+                    const auto now = std::chrono::steady_clock::now();
+                    napping = now - lastWake < std::chrono::microseconds(kGatherNapUs);
+                    lastWake = now;
+                }
                 continue;
             }
         }
@@ -106,11 +127,16 @@ void DiagService::readPort() {
 }
 
 int DiagService::waitForPort() {
-    // While queued bytes wait for the writer, the wait is short: when the port is quiet
-    // that long, the writer is told, so that a quiet moment finds everything in the file.
-    const bool told = ring->writerTold();
-    const int wait = OS_ADAPT_WaitPortOrWake(diagPort, wakeup.Fd(), told ? -1 : kQuietMs);
-    if (wait == 0 && !told) {
+    // The writer is told of a batch when it is worth a write or when its oldest byte has
+    // waited the store delay, whichever comes first: the wait on the port lasts at most
+    // until then, so that a slow stream is stored within the delay, in few writes.
+    int untilDue = ring->msUntilDue();
+    if (untilDue == 0) {
+        ring->publish();
+        untilDue = -1;
+    }
+    const int wait = OS_ADAPT_WaitPortOrWake(diagPort, wakeup.Fd(), untilDue);
+    if (wait == 0) {
         ring->publish();
     } else if (wait == 2) {
         wakeup.Drain();

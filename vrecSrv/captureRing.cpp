@@ -6,16 +6,9 @@
 
 #include "dateTime.h"
 
-namespace {
-
-// The writer is woken when this much has queued since it was last woken, or when the reader
-// finds the port quiet: one wake-up per many reads, not one per read.
-constexpr uint64_t kPublishBytes = 32 * 1024;
-
-}  // namespace
-
-CaptureRing::CaptureRing(size_t capacityBytes)
+CaptureRing::CaptureRing(size_t capacityBytes, std::chrono::milliseconds storeDelay)
     : capacity(std::max<size_t>(2, (capacityBytes + kBlockBytes - 1) / kBlockBytes) * kBlockBytes),
+      delay(storeDelay),
       slots(capacity / kBlockBytes, nullptr) {}
 
 CaptureRing::~CaptureRing() {
@@ -82,6 +75,10 @@ void CaptureRing::commit(size_t count) {
     if (count == 0) {
         return;
     }
+    if (tail == notifiedAt) {
+        // One look at the clock per batch, not per read.
+        untoldSince = SteadyClock::now();
+    }
     tail += count;
     committed.store(tail, std::memory_order_release);
     if (dropping) {
@@ -93,7 +90,7 @@ void CaptureRing::commit(size_t count) {
             endedEpisodes.push_back(openEpisode);
         }
     }
-    if (tail - notifiedAt >= kPublishBytes) {
+    if (tail - notifiedAt >= kBatchBytes) {
         notifyWriter();
     }
 }
@@ -125,6 +122,26 @@ void CaptureRing::publish() {
     }
 }
 
+void CaptureRing::publishIfDue() {
+    // A little before the delay is over: a stream that keeps coming is then told of at a
+    // read, and the reader needs no wake-up of its own for it.
+    if (tail != notifiedAt && SteadyClock::now() - untoldSince >= delay * 4 / 5) {
+        notifyWriter();
+    }
+}
+
+int CaptureRing::msUntilDue() const {
+    if (tail == notifiedAt) {
+        return -1;
+    }
+    const auto left = untoldSince + delay - SteadyClock::now();
+    if (left <= SteadyClock::duration::zero()) {
+        return 0;
+    }
+    // Rounded up, so that a wait of this length ends with the delay over.
+    return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
+}
+
 void CaptureRing::notifyWriter() {
     notifiedAt = tail;
     notices.fetch_add(1);
@@ -146,7 +163,7 @@ size_t CaptureRing::peek(std::vector<iovec>& parts, size_t limit,
                          std::chrono::milliseconds timeout) {
     parts.clear();
     const auto woken = [this] { return notices.load() != seenNotices || wakeRequested.load(); };
-    if (committed.load(std::memory_order_acquire) - head < kPublishBytes && !woken() &&
+    if (committed.load(std::memory_order_acquire) - head < kBatchBytes && !woken() &&
         timeout.count() > 0) {
         std::unique_lock<std::mutex> guard(sleepLock);
         writerSleeping = true;

@@ -29,7 +29,12 @@ class CaptureRing {
 public:
     static constexpr size_t kBlockBytes = 64 * 1024;
 
-    explicit CaptureRing(size_t capacityBytes);
+    // The writer is woken when this much has queued since it was last told: a batch worth
+    // a write.
+    static constexpr uint64_t kBatchBytes = 32 * 1024;
+
+    // The writer is also told once the oldest byte it was not told of has waited `delay`.
+    CaptureRing(size_t capacityBytes, std::chrono::milliseconds delay);
     ~CaptureRing();
     CaptureRing(const CaptureRing&) = delete;
     CaptureRing& operator=(const CaptureRing&) = delete;
@@ -43,8 +48,11 @@ public:
     void drop(size_t count);
     // Lets a waiting writer take what is queued now, without waiting for more.
     void publish();
-    // Whether the writer has been told of every byte queued.
-    bool writerTold() const { return tail == notifiedAt; }
+    // Tells the writer if the oldest byte it was not told of has waited most of the delay.
+    void publishIfDue();
+    // Milliseconds until that byte's delay is over (0: it is), -1 when the writer was told
+    // of every byte queued.
+    int msUntilDue() const;
 
     // Writer side. Waits at most `timeout` for bytes, then describes up to `limit` of the
     // oldest queued bytes in `parts`; the number of bytes described (0 when none came).
@@ -67,15 +75,19 @@ public:
     size_t mappedBlocks() const;
 
 private:
-    // Emptied blocks on their way back from the writer to the reader.
-    static constexpr size_t kSpareBlocks = 2;
+    // Emptied blocks on their way back from the writer to the reader. One is enough while
+    // storage keeps up: the writer stores each batch before the reader fills the next block.
+    static constexpr size_t kSpareBlocks = 1;
 
     char* takeBlock();
     void giveBackBlock(char* data);
     void notifyWriter();
     char*& slot(uint64_t offset) { return slots[(offset / kBlockBytes) % slots.size()]; }
 
+    using SteadyClock = std::chrono::steady_clock;
+
     const size_t capacity;
+    const std::chrono::milliseconds delay;
     // The memory of each block of the ring; a slot is set by the reader before it commits
     // bytes there and cleared by the writer after it consumed them all.
     std::vector<char*> slots;
@@ -91,6 +103,7 @@ private:
     uint64_t tail = 0;
     uint64_t heldBlock = UINT64_MAX;  // the block whose memory the reader has taken
     uint64_t notifiedAt = 0;
+    SteadyClock::time_point untoldSince;  // when the first byte after notifiedAt came
     bool dropping = false;
 
     // Writer's own.

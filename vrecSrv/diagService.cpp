@@ -94,7 +94,7 @@ bool DiagService::startReadThread() {
         setupSucceeded = false;
     }
     if (!ring) {
-        ring = std::make_unique<CaptureRing>(kQueueBytes);
+        ring = std::make_unique<CaptureRing>(kQueueBytes, kStoreDelay);
     }
     readThread.Bind(&DiagService::readPort, this);
     writeThread.Bind(&DiagService::writeLog, this);

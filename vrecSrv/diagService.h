@@ -2,6 +2,7 @@
 #define VREC_SRV_DIAGSERVICE_H
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -40,8 +41,9 @@ public:
     static constexpr int kStopStoreWaitMs = 2000;
     // A full or failing medium is tried again this often.
     static constexpr int kStoreRetryMs = 1000;
-    // The writer is told of queued bytes once the port has been quiet this long.
-    static constexpr int kQuietMs = 2;
+    // Bytes read wait at most this long before the writer is told of them (it is told
+    // sooner of a batch worth a write): what a crash of the process can take with it.
+    static constexpr std::chrono::milliseconds kStoreDelay{100};
     static constexpr useconds_t kStartSettleUs = 30000;
     // The longest a stop set may take; a stop must end within a service manager's limit.
     static constexpr int kStopSetLimitMs = 5000;

@@ -92,6 +92,8 @@ public:
         }
         return got;
     }
+    // Where each read ended in the stream; valid after stop().
+    std::vector<size_t> readEnds;
 
 private:
     void readAll() {
@@ -102,6 +104,9 @@ private:
             pollfd pfd{port, POLLIN, 0};
             const ssize_t n = poll(&pfd, 1, 10) > 0 ? read(port, buffer.data(), buffer.size()) : 0;
             got.append(buffer.data(), static_cast<size_t>(std::max<ssize_t>(n, 0)));
+            if (n > 0) {
+                readEnds.push_back(got.size());
+            }
         }
     }
 
@@ -154,6 +159,37 @@ TEST(Modemsim, DriverBufferDropsWholePacketsWhileTheHostDoesNotRead) {
     EXPECT_EQ(check.sequence().missing, end.drops);
     EXPECT_EQ(check.sequence().first, 0u);
     EXPECT_EQ(check.sequence().last + 1, check.sequence().packets + check.sequence().missing);
+}
+
+// The driver hands the terminal whole USB transfers of --transfer bytes: a host that keeps
+// up reads transfer by transfer, and the stream's short last transfer still comes.
+TEST(Modemsim, TheDriverHandsOverWholeTransfers) {
+    testkit::TempDir dir;
+    testkit::ModemSim sim(dir.path(), {"--diag", "diag", "--drop-when-full", "--byte-rate", "200k",
+                                       "--transfer", "1000", "--total", "1500"});
+    ASSERT_TRUE(sim.ready);
+    const int diag = openPort(dir.file("diag"));
+    FastHost host(diag);
+    writeAll(diag, vtools::frame(bytes({0x73, 0, 0, 0, 3, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0})));
+    ASSERT_TRUE(recorded(sim, "event stream stop total"));
+    const testkit::SimCounts end = sim.settled("diag");
+    const std::string wire = host.stop();
+    close(diag);
+    ASSERT_TRUE(end.valid);
+    EXPECT_EQ(0u, end.dropped);
+    EXPECT_EQ(wire.size(), end.written);
+    EXPECT_TRUE(checked(wire).clean(true));
+    // The answer to the request goes first, in a transfer of its own; then the stream.
+    ASSERT_GT(host.readEnds.size(), 10u);
+    const size_t answer = host.readEnds.front();
+    size_t onBoundary = 0;
+    for (const size_t endAt : host.readEnds) {
+        onBoundary += (endAt - answer) % 1000 == 0 ? 1 : 0;
+    }
+    // A loaded machine may split a transfer between two reads now and then; reads of a
+    // stream that is not cut into transfers end between two only by chance.
+    EXPECT_GE(onBoundary * 2, host.readEnds.size())
+        << onBoundary << " of " << host.readEnds.size() << " reads ended between transfers";
 }
 
 TEST(Modemsim, DriverBufferLosesNothingForAHostThatKeepsReading) {

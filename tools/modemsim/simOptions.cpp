@@ -143,6 +143,9 @@ const char* simUsage() {
            "                         (default: wait for the host, as flow control does);\n"
            "                         the simulator then runs at nice -10 where permitted\n"
            "  --host-buffer N[K|M]   size of that receive buffer (default 640K; K: KiB, M: MiB)\n"
+           "  --transfer N[K]        size of the USB transfers in which the stream fills that\n"
+           "                         buffer and reaches the terminal (default 4096; smaller for\n"
+           "                         a module that sends packet by packet)\n"
            "AT side:\n"
            "  --files DIR            files that AT^RSFR lists and serves\n"
            "  --upload-dir DIR       where a finished AT^RSFW upload is stored (default: .)\n"
@@ -219,6 +222,7 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
         kTotal,
         kByteRate,
         kHostBuffer,
+        kTransfer,
         kReplay,
         kNoAnswers,
         kLogCodes,
@@ -250,6 +254,7 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                                    {"total", required_argument, nullptr, kTotal},
                                    {"byte-rate", required_argument, nullptr, kByteRate},
                                    {"host-buffer", required_argument, nullptr, kHostBuffer},
+                                   {"transfer", required_argument, nullptr, kTransfer},
                                    {"replay", required_argument, nullptr, kReplay},
                                    {"no-answers", no_argument, nullptr, kNoAnswers},
                                    {"log-codes", required_argument, nullptr, kLogCodes},
@@ -371,15 +376,20 @@ int parseSimOptions(int argc, char** argv, SimOptions* options) {
                 break;
             case kByteRate:
             case kHostBuffer:
+            case kTransfer:
                 if (!parseAmount(arg, opt == kByteRate ? 1000 : 1024, &number) || number == 0) {
                     fprintf(stderr,
                             "vrec-modemsim: bad amount %s for --%s (a number above 0, "
                             "optionally followed by k or M)\n",
-                            arg.c_str(), opt == kByteRate ? "byte-rate" : "host-buffer");
+                            arg.c_str(),
+                            opt == kByteRate ? "byte-rate"
+                                             : (opt == kTransfer ? "transfer" : "host-buffer"));
                     return 2;
                 }
                 if (opt == kByteRate)
                     options->byteRate = number;
+                else if (opt == kTransfer)
+                    options->transfer = static_cast<size_t>(number);
                 else
                     options->hostBuffer = static_cast<size_t>(number);
                 break;

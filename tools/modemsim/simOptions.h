@@ -60,6 +60,8 @@ struct SimOptions {
     // `hostBuffer` bytes, and a packet or answer that does not fit whole is dropped.
     bool dropWhenFull = false;
     size_t hostBuffer = 640 * 1024;
+    // The size of the USB transfers in which the stream reaches that buffer and the terminal.
+    size_t transfer = 4096;
     bool answerRequests = true;
     // Log codes the made-up stream draws from, those the masks enable (empty: its own one).
     std::vector<unsigned> logCodes;

@@ -25,8 +25,6 @@ namespace {
 
 // How much stream the simulator keeps queued for a slow host before it waits.
 constexpr size_t kQueueLimit = 16 * 1024;
-// With --drop-when-full, the stream goes to the terminal after this many bytes at the most.
-constexpr size_t kTransferSize = 16 * 1024;
 constexpr size_t kMeanFrameSize = 100;  // of the sequence stream, on the wire
 // A driver's buffer fills in the kernel, ahead of any process; the simulator that plays it
 // runs ahead of the host's processes where it may, so that a busy machine does not make it
@@ -272,6 +270,7 @@ void Simulator::send(Port& port, std::string bytes, bool answer, bool now) {
     }
     port.offered += bytes.size();
     port.queued += bytes.size();
+    port.answerQueued = port.answerQueued || answer;
     const auto due = Clock::now();
     if (answer && splitSize > 0) {
         auto at = due;
@@ -306,9 +305,13 @@ void Simulator::admit(Port& port, std::string&& bytes) {
 }
 
 void Simulator::drain(Port& port) {
-    while (port.hostHead < port.host.size()) {
+    // The driver hands the terminal whole USB transfers, one write each. The last transfer
+    // of a stream that ended or went silent may be short, and so may one with an answer.
+    const bool shortToo = !streaming || !port.carriesDiag || port.answerQueued || port.silent;
+    while (port.hostHead < port.host.size() &&
+           (shortToo || port.host.size() - port.hostHead >= opts.transfer)) {
         const ssize_t n = write(port.pty.fd(), port.host.data() + port.hostHead,
-                                port.host.size() - port.hostHead);
+                                std::min(opts.transfer, port.host.size() - port.hostHead));
         if (n <= 0) {
             break;  // the terminal is full: the rest waits for the host to read
         }
@@ -319,6 +322,7 @@ void Simulator::drain(Port& port) {
     if (port.hostHead == port.host.size()) {
         port.host.clear();
         port.hostHead = 0;
+        port.answerQueued = false;
     } else if (port.hostHead > (1u << 20) && port.hostHead > port.host.size() / 2) {
         port.host.erase(0, port.hostHead);
         port.hostHead = 0;
@@ -442,8 +446,8 @@ void Simulator::pump() {
         ++generated;
         unflushed += bytes.size();
         // Behind flow control every packet is a write of its own; a driver's buffer fills
-        // from transfers of some kilobytes and goes to the terminal in large pieces.
-        const bool now = !opts.dropWhenFull || unflushed >= kTransferSize;
+        // from the module's packets and goes to the terminal in USB transfers.
+        const bool now = !opts.dropWhenFull || unflushed >= opts.transfer;
         send(*port, std::move(bytes), false, now);
         unflushed = now ? 0 : unflushed;
     }

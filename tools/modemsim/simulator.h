@@ -53,7 +53,8 @@ private:
         // With --drop-when-full: the host driver's receive buffer, from `hostHead` on.
         std::string host;
         size_t hostHead = 0;
-        size_t queued = 0;  // in `out` and `host`, not yet in the terminal
+        bool answerQueued = false;  // the buffer holds an answer: a short transfer goes too
+        size_t queued = 0;          // in `out` and `host`, not yet in the terminal
         uint64_t offered = 0;
         uint64_t written = 0;
         uint64_t dropped = 0;
