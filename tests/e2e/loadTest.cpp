@@ -60,7 +60,7 @@ struct LoadRun {
 
 // A module that never waits (the simulator's driver model: a 640 KiB receive buffer that
 // drops what does not fit) at 8 MB/s, onto storage that stalls 250 ms every second: the
-// reader keeps the driver's buffer empty through every stall, and a 20-second capture is
+// reader keeps the driver's buffer empty through every stall, and a 10-second capture is
 // exactly what the module delivered.
 TEST(Pipeline, StorageThatStallsLosesNothing) {
     LoadRun run({"--every-ms", "1000", "--stall-ms", "250"});
@@ -71,7 +71,7 @@ TEST(Pipeline, StorageThatStallsLosesNothing) {
     Vrec& vrec = *run.vrec;
     ASSERT_TRUE(vrec.up) << vrec.run.output();
     const std::string log = run.log();
-    usleep(20 * 1000 * 1000);  // the length of the capture
+    usleep(10 * 1000 * 1000);  // the length of the capture: ten stalls
     const testkit::SimCounts counts = silenceAndSettle(sim, log);
     ASSERT_TRUE(counts.valid);
     EXPECT_EQ(0u, counts.dropped) << "the driver's buffer overflowed";
