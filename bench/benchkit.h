@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,6 +27,30 @@ inline pid_t spawn(const std::vector<std::string>& argv, const std::string& outp
         _exit(127);
     }
     return pid;
+}
+
+inline std::string readAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+// The forked run of vrec, which comes to this process as its subreaper once the launcher
+// ends: its pid, or -1 when none shows up within `tries` looks `pauseUs` apart.
+inline pid_t adoptedVrecRun(int tries, useconds_t pauseUs) {
+    const std::string self = std::to_string(getpid());
+    for (int i = 0; i < tries; ++i) {
+        std::ifstream children("/proc/" + self + "/task/" + self + "/children");
+        pid_t child = 0;
+        while (children >> child) {
+            if (child > 0 && readAll("/proc/" + std::to_string(child) + "/comm") == "vrec\n") {
+                return child;
+            }
+        }
+        usleep(pauseUs);
+    }
+    return -1;
 }
 
 }  // namespace benchkit

@@ -44,11 +44,14 @@
 #include <thread>
 #include <vector>
 
+#include "benchkit.h"
 #include "cpuLimit.h"
 #include "hdlc.h"
 #include "seqStream.h"
 
 namespace {
+
+using benchkit::readAll;
 
 using Clock = std::chrono::steady_clock;
 
@@ -85,13 +88,6 @@ enum class Source { kBlocks, kPackets, kWwanPackets };
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
 }
 
 void writeAll(const std::string& path, const std::string& text) {
@@ -249,18 +245,7 @@ pid_t startVrec(const std::string& dir, const std::string& port, const std::stri
     }
     // vrec forks and its launcher ends once the run is up; the run, its child, comes to us.
     finish(spawn({kVrec, "-d", port}, dir, out, cgroup), 0);
-    const std::string self = std::to_string(getpid());
-    for (int tries = 0; tries < 1000; ++tries) {
-        std::ifstream children("/proc/" + self + "/task/" + self + "/children");
-        pid_t child = 0;
-        while (children >> child) {
-            if (child > 0 && readAll("/proc/" + std::to_string(child) + "/comm") == "vrec\n") {
-                return child;
-            }
-        }
-        usleep(2000);
-    }
-    return -1;
+    return benchkit::adoptedVrecRun(1000, 2000);
 }
 
 // The simulator, with its Diag port "diag" and control FIFO "ctl" in `dir`.

@@ -31,18 +31,13 @@
 
 namespace {
 
+using benchkit::readAll;
+
 const std::string kBin = VREC_BINARY_DIR;
 const std::string kVrec = kBin + "/vrecCmd/vrec";
 const std::string kSim = kBin + "/tools/vrec-modemsim";
 constexpr double kTenMinutes = 600.0;
 constexpr size_t kReplaySeconds = 5;
-
-std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
-}
 
 // Seconds between the first and the last log packet's time stamp (units of 1.25 ms in the
 // upper 48 bits).
@@ -72,22 +67,6 @@ int waitEnd(pid_t pid) {
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     return status;
-}
-
-// The background run of vrec, which comes to us as the subreaper.
-pid_t captureRun() {
-    const std::string self = std::to_string(getpid());
-    for (int tries = 0; tries < 2000; ++tries) {
-        std::ifstream children("/proc/" + self + "/task/" + self + "/children");
-        pid_t child = 0;
-        while (children >> child) {
-            if (child > 0 && readAll("/proc/" + std::to_string(child) + "/comm") == "vrec\n") {
-                return child;
-            }
-        }
-        usleep(5000);
-    }
-    return -1;
 }
 
 // Processor seconds of a process so far, user and system.
@@ -130,7 +109,7 @@ Figures capture(const std::string& dir, const std::string& replay, long byteRate
     std::vector<std::string> args = {kVrec, "-d", dir + "/diag", "-l", dir, "-r", "0"};
     args.insert(args.end(), logs.begin(), logs.end());
     waitEnd(benchkit::spawn(args, dir + "/vrec.out"));
-    const pid_t run = captureRun();
+    const pid_t run = benchkit::adoptedVrecRun(2000, 5000);
     Figures figures;
     // The replay is over once the simulator says so and the log stops growing.
     const std::string log = dir + "/real_log.bin";
