@@ -78,9 +78,8 @@ TEST(CommandList, MemoryStaysWithinTwoAndAHalfTimesTheText) {
         c = "{}0x"[random() % 4];
     }
     // The worst cases: a command per two characters, a byte per two characters, both.
-    for (const std::string& text :
-         {repeat("{}"), "{" + repeat("0x") + "}", repeat("{0x}"), repeat("{0x0x0x0x0x}"),
-          repeat("{0x7E,0x00}"), noise}) {
+    for (const std::string& text : {repeat("{}"), "{" + repeat("0x") + "}", repeat("{0x}"),
+                                    repeat("{0x0x0x0x0x}"), repeat("{0x7E,0x00}"), noise}) {
         const CommandList list = CommandList::parse(text);
         EXPECT_LE(list.footprint(), text.size() * 5 / 2) << text.substr(0, 12);
         // The group reading, far hungrier, only over the first 64 KiB.

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "atModule.h"
-#include "maskState.h"
 #include "dumpSetup.h"
+#include "maskState.h"
 #include "sysfsTree.h"
 
 namespace vtools {
