@@ -443,9 +443,11 @@ double median(std::vector<double> values) {
     return n == 0 ? 0 : n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
-// The module's answer to the start request, then `packets` packets of the stream.
+// The module's answer to the start request (its status, then the mask echoed), then `packets`
+// packets of the stream.
 std::string streamOf(uint64_t packets) {
-    std::string stream = vtools::frame(kStartRequest.substr(0, 8) + std::string(4, '\0'));
+    std::string stream = vtools::frame(kStartRequest.substr(0, 8) + std::string(4, '\0') +
+                                       kStartRequest.substr(8));
     for (uint64_t seq = 0; seq < packets; ++seq) {
         stream += vtools::frame(vtools::simLogPacket(static_cast<uint32_t>(seq)));
     }
