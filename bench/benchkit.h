@@ -2,7 +2,15 @@
 #define VREC_BENCH_BENCHKIT_H
 
 #include <fcntl.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 #include <fstream>
 #include <sstream>
@@ -27,6 +35,24 @@ inline pid_t spawn(const std::vector<std::string>& argv, const std::string& outp
         _exit(127);
     }
     return pid;
+}
+
+// A network namespace of this process's own with its loopback up, so that vrec's control
+// port meets no other run; false, after a note, where none may be had.
+inline bool ownNetwork() {
+    if (unshare(CLONE_NEWNET) != 0) {
+        fprintf(stderr, "note: no network namespace of our own (%s)\n", strerror(errno));
+        return false;
+    }
+    const int sock = socket(AF_INET, SOCK_DGRAM, 0);
+    ifreq ifr{};
+    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
+    if (ioctl(sock, SIOCGIFFLAGS, &ifr) == 0) {
+        ifr.ifr_flags |= IFF_UP;
+        ioctl(sock, SIOCSIFFLAGS, &ifr);
+    }
+    close(sock);
+    return true;
 }
 
 inline std::string readAll(const std::string& path) {

@@ -53,6 +53,14 @@ namespace {
 
 using benchkit::readAll;
 
+// The stream's own time in milliseconds, from its start and stop in the simulator's record.
+long streamMs(const std::string& recordPath) {
+    const std::string record = readAll(recordPath);
+    const size_t startAt = record.rfind('\n', record.find(" stream start"));
+    const size_t stopAt = record.rfind('\n', record.find(" stream stop"));
+    return std::max(1L, atol(record.c_str() + stopAt + 1) - atol(record.c_str() + startAt + 1));
+}
+
 using Clock = std::chrono::steady_clock;
 
 const std::string kBin = VREC_BINARY_DIR;
@@ -446,8 +454,8 @@ double median(std::vector<double> values) {
 // The module's answer to the start request (its status, then the mask echoed), then `packets`
 // packets of the stream.
 std::string streamOf(uint64_t packets) {
-    std::string stream = vtools::frame(kStartRequest.substr(0, 8) + std::string(4, '\0') +
-                                       kStartRequest.substr(8));
+    std::string stream =
+        vtools::frame(kStartRequest.substr(0, 8) + std::string(4, '\0') + kStartRequest.substr(8));
     for (uint64_t seq = 0; seq < packets; ++seq) {
         stream += vtools::frame(vtools::simLogPacket(static_cast<uint32_t>(seq)));
     }
@@ -584,12 +592,8 @@ SweepRun lostAt(const std::string& dir, const std::string& storage, long mbPerSe
                     counts.dropped + (counts.written > captured ? counts.written - captured : 0);
             }
             // The stream's own time, from the simulator's record.
-            const std::string record = readAll(simDir + "/record.txt");
-            const size_t startAt = record.rfind('\n', record.find(" stream start"));
-            const size_t stopAt = record.rfind('\n', record.find(" stream stop"));
-            const long ms = atol(record.c_str() + stopAt + 1) - atol(record.c_str() + startAt + 1);
-            run.mbps =
-                static_cast<double>(counts.offered) / 1e3 / static_cast<double>(std::max(1L, ms));
+            run.mbps = static_cast<double>(counts.offered) / 1e3 /
+                       static_cast<double>(streamMs(simDir + "/record.txt"));
         }
     }
     removeTree(simDir);
@@ -724,12 +728,8 @@ SmallRun smallRun(const std::string& dir, long bytesPerSecond, long transfer, in
                 run.lost = counts.dropped +
                            (counts.written > run.captured ? counts.written - run.captured : 0);
             }
-            const std::string record = readAll(simDir + "/record.txt");
-            const size_t startAt = record.rfind('\n', record.find(" stream start"));
-            const size_t stopAt = record.rfind('\n', record.find(" stream stop"));
-            const long ms = atol(record.c_str() + stopAt + 1) - atol(record.c_str() + startAt + 1);
-            run.mbps =
-                static_cast<double>(counts.offered) / 1e3 / static_cast<double>(std::max(1L, ms));
+            run.mbps = static_cast<double>(counts.offered) / 1e3 /
+                       static_cast<double>(streamMs(simDir + "/record.txt"));
         }
     }
     removeTree(simDir);
@@ -844,18 +844,7 @@ void smallProcessor(const Settings& settings, const std::string& dir) {
 // Namespaces of our own: vrec's control port meets no other run, and the stalling storage
 // goes away with us whatever happens.
 void isolate() {
-    if (unshare(CLONE_NEWNET) != 0) {
-        fprintf(stderr, "note: no network namespace of our own (%s)\n", strerror(errno));
-    } else {
-        const int sock = socket(AF_INET, SOCK_DGRAM, 0);
-        ifreq ifr{};
-        strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-        if (ioctl(sock, SIOCGIFFLAGS, &ifr) == 0) {
-            ifr.ifr_flags |= IFF_UP;
-            ioctl(sock, SIOCSIFFLAGS, &ifr);
-        }
-        close(sock);
-    }
+    benchkit::ownNetwork();
     if (unshare(CLONE_NEWNS) != 0 ||
         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         fprintf(stderr, "note: no mount namespace of our own (%s)\n", strerror(errno));

@@ -141,18 +141,7 @@ Figures capture(const std::string& dir, const std::string& replay, long byteRate
 }
 
 void isolate() {
-    if (unshare(CLONE_NEWNET) != 0) {
-        fprintf(stderr, "note: no network namespace of our own (%s)\n", strerror(errno));
-        return;
-    }
-    const int sock = socket(AF_INET, SOCK_DGRAM, 0);
-    ifreq ifr{};
-    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    if (ioctl(sock, SIOCGIFFLAGS, &ifr) == 0) {
-        ifr.ifr_flags |= IFF_UP;
-        ioctl(sock, SIOCSIFFLAGS, &ifr);
-    }
-    close(sock);
+    benchkit::ownNetwork();
 }
 
 }  // namespace

@@ -61,10 +61,10 @@ bool parseByteCount(const std::string& text, uint64_t* value) {
     return true;
 }
 
-bool parseDumpRegions(const std::string& spec, std::vector<DumpRegion>* regions,
+bool parseDumpRegions(const std::string& list, std::vector<DumpRegion>* regions,
                       std::string* error) {
     regions->clear();
-    for (const std::string& item : splitAt(spec, ',')) {
+    for (const std::string& item : splitAt(list, ',')) {
         const std::vector<std::string> fields = splitAt(item, ':');
         const std::string where = "region \"" + item + "\" of --dump-regions";
         if (fields.size() < 2 || fields.size() > 3) {

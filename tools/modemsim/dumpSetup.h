@@ -38,7 +38,7 @@ constexpr uint64_t kFirstRegion64 = 0x880000000;
 constexpr uint64_t kRegionAlign = 0x10000;  // and the least gap between two regions
 
 // Parses "SIZE[@ADDR]:FILE[:DESCRIPTION],..." (see the usage text). False with a message.
-bool parseDumpRegions(const std::string& spec, std::vector<DumpRegion>* regions,
+bool parseDumpRegions(const std::string& list, std::vector<DumpRegion>* regions,
                       std::string* error);
 // Gives every region not placed an address: behind the one before, aligned, with a gap.
 // False with a message when a region does not fit the table's width.

@@ -185,7 +185,7 @@ const char* simUsage() {
            "Crash (the fault crash): the Diag and PCUI ports hang up, the sysfs tree shows a\n"
            "05C6:900E device, a dump port speaks Sahara memory debug; RESET, then --reboot-ms\n"
            "later the module is back. Region bytes follow the rule of vrec-inspect --dump.\n"
-           "  --dump-regions SPEC    SIZE[@ADDR]:FILE[:DESCRIPTION],... SIZE and ADDR decimal\n"
+           "  --dump-regions LIST    SIZE[@ADDR]:FILE[:DESCRIPTION],... SIZE and ADDR decimal\n"
            "                         or 0x hex, SIZE with K, M or G; names at most 20 bytes\n"
            "                         (default 2M:DDRCS0.BIN:DDR CS0,70001:OCIMEM.BIN:OCIMEM,\n"
            "                         4K:CODERAM.BIN:CODE RAM)\n"
