@@ -211,74 +211,6 @@ TEST(CrashSim, MemoryRuleIsFixed) {
                          0x1000, reinterpret_cast<const unsigned char*>(changed.data()), 4099));
 }
 
-// A crash during a run: ports gone, the dump device in sysfs, the whole 64-bit dump read
-// byte for byte, RESET answered, the module back; a correct host leaves no error.
-TEST(CrashSim, SixtyFourBitDumpAndTheModuleReturns) {
-    Sim sim({});
-    ASSERT_TRUE(sim.ready);
-    EXPECT_TRUE(exists(sim.tree("usb/drivers/option/1-1:1.1/ttyUSB1")));
-    sim.control("crash");
-    ASSERT_TRUE(sim.event("dump port"));
-    EXPECT_FALSE(exists(sim.file("diag")));
-    EXPECT_FALSE(exists(sim.file("pcui")));
-    EXPECT_FALSE(exists(sim.tree("usb/drivers/option/1-1:1.1")));
-    EXPECT_EQ("05c6\n", testkit::readFile(sim.tree("usb/devices/1-1/idVendor")));
-    EXPECT_EQ("900e\n", testkit::readFile(sim.tree("usb/devices/1-1/idProduct")));
-    EXPECT_EQ("usb:v05C6p900Ed0000dc00dsc00dp00icFFiscFFipFFin00\n",
-              testkit::readFile(sim.tree("usb/drivers/option/1-1:1.0/modalias")));
-    EXPECT_TRUE(exists(sim.tree("usb/drivers/option/1-1:1.0/ttyUSB3")));
-    EXPECT_TRUE(exists(sim.tree("usb/devices/1-1:1.0/driver")));
-
-    const std::string dumpDir = sim.file("dump");
-    ASSERT_EQ(0, mkdir(dumpDir.c_str(), 0755));
-    std::string index;
-    {
-        Host host(sim.file("diag.dump"));
-        const std::vector<Region> regions = host.table(64);
-        ASSERT_EQ(3u, regions.size());
-        EXPECT_EQ(0x880000000u, regions[0].address);
-        EXPECT_EQ(2u << 20, regions[0].length);
-        EXPECT_EQ("DDR CS0", regions[0].description);
-        EXPECT_EQ("DDRCS0.BIN", regions[0].file);
-        EXPECT_EQ(70001u, regions[1].length);
-        EXPECT_EQ("OCIMEM.BIN", regions[1].file);
-        for (size_t i = 0; i < regions.size(); ++i) {
-            const Region& r = regions[i];
-            if (i > 0) {
-                EXPECT_GE(r.address, regions[i - 1].address + regions[i - 1].length + 0x10000);
-            }
-            const std::string data = host.region(64, r);
-            ASSERT_TRUE(sameBytes(memory(r.address, r.length), data)) << r.file;
-            testkit::writeFile(dumpDir + "/" + r.file, data);
-            char line[160];
-            snprintf(line, sizeof(line), "%zu\t%s\t%s\t0x%llx\t0x%llx\t%zu\tcomplete\n", i,
-                     r.description.c_str(), r.file.c_str(),
-                     static_cast<unsigned long long>(r.address),
-                     static_cast<unsigned long long>(r.length), data.size());
-            index += line;
-        }
-        host.send(words({7, 8}));
-        EXPECT_EQ(kResetResp, host.read(8));
-        EXPECT_TRUE(sim.event("reboot"));
-    }
-    EXPECT_TRUE(sim.event("return"));
-    EXPECT_TRUE(testkit::waitFor([&] { return exists(sim.file("diag")); }, 3000));
-    EXPECT_FALSE(exists(sim.file("diag.dump")));
-    EXPECT_FALSE(exists(sim.tree("usb/devices/1-1")));
-    EXPECT_TRUE(exists(sim.tree("usb/drivers/option/1-1:1.1/ttyUSB1")));
-    EXPECT_TRUE(sim.errors().empty()) << joined(sim.errors());
-    EXPECT_EQ("sahara RESET", sim.arrived("dump").back());
-
-    // The reads just made, as a dump directory, pass the inspector's strictest check.
-    testkit::writeFile(dumpDir + "/dump_index.txt",
-                       "# a dump read by the test\n" + index + "# result complete\n");
-    std::string report;
-    EXPECT_EQ(0, testkit::runToEnd({testkit::builtProgram("tools/vrec-inspect"), "--dump", dumpDir,
-                                    "--sim-memory"},
-                                   "/", &report))
-        << report;
-}
-
 // Started crashed, with an interface no driver holds: the port comes once new_id names
 // the device; a 32-bit table; a refused region; RESET still ends the dump.
 TEST(CrashSim, UnboundDeviceBoundThroughNewIdWithA32BitTableAndARefusedRegion) {
@@ -405,48 +337,6 @@ TEST(CrashSim, HangUpMidRegionALongTableAndAModuleInAnotherMode) {
     EXPECT_EQ("", host.read(1, 300));
     ASSERT_TRUE(testkit::waitFor([&] { return !sim.errors().empty(); }));
     EXPECT_NE(std::string::npos, sim.errors()[0].find("HELLO has mode 0"));
-}
-
-// The stream stops at the crash, the host gets all that was sent before it, and once the
-// module is back the stream goes on with the next sequence number: one whole sequence.
-TEST(CrashSim, TheStreamIsWholeAcrossACrash) {
-    Sim sim({"--rate", "2000", "--fault", "dump-silent@0", "--dump-regions", "4K:A.BIN"});
-    const std::string start =
-        vtools::frame(std::string("\x73\0\0\0\x03\0\0\0\x01\0\0\0\x07\0\0\0\xFF", 17));
-    const std::string stop = vtools::frame(std::string("\x73\0\0\0\0\0\0\0", 8));
-    std::string wire;
-    {
-        Host diag(sim.file("diag"));
-        diag.send(start);
-        wire += diag.read(20000);
-        sim.control("crash");
-        wire += diag.read(SIZE_MAX, 3000);  // until the hang-up
-    }
-    ASSERT_TRUE(sim.event("dump port"));
-    EXPECT_NE(std::string::npos, sim.record().find(" unread 0\n")) << sim.record();
-    {
-        // A silent module answers nothing, but RESET still reboots it.
-        Host host(sim.file("diag.dump"));
-        const std::vector<Region> regions = host.table(64);
-        ASSERT_EQ(1u, regions.size());
-        host.memoryRead(64, regions[0].address, 8);
-        EXPECT_EQ("", host.read(1, 300));
-        host.send(words({7, 8}));
-        EXPECT_EQ("", host.read(8, 300));
-    }
-    ASSERT_TRUE(sim.event("return"));
-    ASSERT_TRUE(testkit::waitFor([&] { return exists(sim.file("diag")); }, 3000));
-    Host diag(sim.file("diag"));
-    diag.send(start);
-    wire += diag.read(20000);
-    diag.send(stop);
-    wire += diag.read(SIZE_MAX, 500);
-    vtools::CaptureCheck check;
-    check.feed(wire.data(), wire.size());
-    check.finish();
-    EXPECT_TRUE(check.clean(true)) << testing::PrintToString(check.problems(true));
-    EXPECT_GT(check.sequence().packets, 200u);
-    EXPECT_TRUE(sim.errors().empty()) << joined(sim.errors());
 }
 
 // A dump directory written by hand: the inspector finds what is missing, short or wrong.
