@@ -154,6 +154,21 @@ void HdlcEscape(std::string& text) {
     text.swap(out);
 }
 
+bool HdlcUnescape(const std::string& text, std::string* plain) {
+    plain->clear();
+    plain->reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != static_cast<char>(0x7D)) {
+            *plain += text[i];
+        } else if (++i < text.size()) {
+            *plain += static_cast<char>(text[i] ^ 0x20);
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
 std::string logTimeSuffix(const CDateTime& when) {
     char buffer[27] = {};
     snprintf(buffer, sizeof(buffer), "_%d%d%d_%d_%d_%d_%d", when.Year(), when.Month(), when.Day(),

@@ -15,6 +15,8 @@ std::string Base64Decode(const char* text, int length, int* count);
 void Crc16Fcs(const unsigned char* data, int length, unsigned short* result);
 // Byte stuffing of RFC 1662: 0x7E -> 7D 5E, 0x7D -> 7D 5D, in place.
 void HdlcEscape(std::string& text);
+// Its reverse, into `plain`; false when the text ends inside an escape.
+bool HdlcUnescape(const std::string& text, std::string* plain);
 
 // "_%d%d%d_%d_%d_%d_%d" of year, month, day, hour, minute, second, millisecond.
 std::string logTimeSuffix();

@@ -8,23 +8,11 @@
 namespace {
 
 constexpr char kFlag = '\x7E';
-constexpr char kEscape = '\x7D';
 constexpr char kLogConfig = static_cast<char>(diagcmd::kLogConfig);
 
 // The packet of an escaped frame without its flag, if its check sequence holds.
 bool unframe(const std::string& wire, std::string* packet) {
-    packet->clear();
-    for (size_t i = 0; i < wire.size(); ++i) {
-        if (wire[i] == kEscape) {
-            if (++i == wire.size()) {
-                return false;
-            }
-            *packet += static_cast<char>(wire[i] ^ 0x20);
-        } else {
-            *packet += wire[i];
-        }
-    }
-    if (packet->size() < 3) {
+    if (!HdlcUnescape(wire, packet) || packet->size() < 3) {
         return false;
     }
     const size_t body = packet->size() - 2;

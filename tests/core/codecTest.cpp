@@ -68,4 +68,8 @@ TEST(Framing, CheckSequenceAndEscaping) {
     std::string text("\x7E\x7D\x01\x00\x5E\x5D\x7C\xFF", 8);  // only flag and escape change
     HdlcEscape(text);
     EXPECT_EQ(hex(text), "7D 5E 7D 5D 01 00 5E 5D 7C FF");
+    std::string plain;
+    EXPECT_TRUE(HdlcUnescape(text, &plain));
+    EXPECT_EQ(hex(plain), "7E 7D 01 00 5E 5D 7C FF");
+    EXPECT_FALSE(HdlcUnescape(std::string("\x01\x7D", 2), &plain));  // cut inside an escape
 }
