@@ -32,9 +32,6 @@ echo "== tests, g++ build"
 echo "== tests, clang sanitizer build"
 (cd "$root/build-asan" && ctest -j "$test_jobs" --output-on-failure) || status=1
 
-# Fuzzing: each parser's target for about 8 s, two at a time, where clang's libFuzzer is at
-# hand (the corpus replay above runs everywhere).
-# A build of its own (build-fuzz), so that no test of the program runs with the fuzzer's
-# coverage counters slowing it down.
-"$root/scripts/fuzz.sh" "${FUZZ_SECONDS:-8}" || status=1
+# The fuzz targets' corpora were replayed above (fuzz.replay.*); fuzzing proper is
+# scripts/fuzz.sh, which CI runs after this.
 exit $status
