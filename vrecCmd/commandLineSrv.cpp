@@ -110,7 +110,9 @@ CrashAction crashActionOf(const std::string& text) {
                              : CrashAction::Collect;
 }
 
-int32_t toInt(const char* text) { return static_cast<int32_t>(strtol(text, nullptr, 10)); }
+int32_t toInt(const char* text) {
+    return static_cast<int32_t>(strtol(text, nullptr, 10));
+}
 
 // Whether the run stays alive after a successful start: a real-time capture and an
 // export do; settings that the module carries out alone end the run.
@@ -155,7 +157,9 @@ CommandLineSrv* CommandLineSrv::getInstance() {
     return g_commandLine;
 }
 
-void CommandLineSrv::setImplFactory(ImplFactory factory) { g_factory = std::move(factory); }
+void CommandLineSrv::setImplFactory(ImplFactory factory) {
+    g_factory = std::move(factory);
+}
 
 CommandLineSrv::CommandLineSrv() {
     // The stop sequence is far more than a signal handler may do, so the handler only
@@ -287,9 +291,13 @@ void CommandLineSrv::checkOptionValues(int argc, char** argv) {
     opterr = 0;
     const struct option* longOptions = allLongOptions();
     int option = 0;
-    bool imc = false;
+    std::string otherMode;  // the last option that makes the run no Qualcomm capture
     while ((option = getopt_long(argc, words.data(), kShortOptions, longOptions, nullptr)) != -1) {
-        imc = imc || option == 'i';
+        otherMode = option == 'i'   ? "-i (IMC)"
+                    : option == 'm' ? "-m (logging inside the module)"
+                    : option == 'f' ? "-f (export of the module's files)"
+                    : option == 'q' ? ""
+                                    : otherMode;
         if (isLogOption(option) && optarg != nullptr) {
             const std::string error = takeLogOption(option, optarg, &options.selection);
             if (!error.empty()) {
@@ -303,7 +311,7 @@ void CommandLineSrv::checkOptionValues(int argc, char** argv) {
         }
     }
     opterr = 1;
-    const std::string conflict = logOptionConflict(options.selection, imc);
+    const std::string conflict = logOptionConflict(options.selection, otherMode);
     if (!conflict.empty()) {
         refuseOptions(conflict);
     }
@@ -484,8 +492,9 @@ void CommandLineSrv::showUsage() {
     }
     text += std::string(105, '.') + "\n";
     text += "Notice:\n";
-    text += "1. -q or -i or -m is the master parameters, any incompatible parameters followed are "
-            "simply ignored\n";
+    text +=
+        "1. -q or -i or -m is the master parameters, any incompatible parameters followed are "
+        "simply ignored\n";
     text += moreOptionsHelp();
     consolePrint("%s", text.c_str());
 }

@@ -100,15 +100,15 @@ std::string takeLogOption(int code, const std::string& value, masks::Selection* 
     }
 }
 
-std::string logOptionConflict(const masks::Selection& selection, bool imc) {
+std::string logOptionConflict(const masks::Selection& selection, const std::string& otherMode) {
     if (selection.maskFileGiven &&
         (selection.logsGiven || selection.msgsGiven || selection.eventsGiven)) {
         return "--mask-file excludes --logs, --msgs and --events: give the mask file alone, or "
                "the others without it.";
     }
-    if (imc && selection.any()) {
-        return "-i (IMC) cannot take " + logOptionsGiven(selection) +
-               ": these choose what a Qualcomm module logs.";
+    if (!otherMode.empty() && selection.any()) {
+        return otherMode + " cannot take " + logOptionsGiven(selection) +
+               ": these choose what a Qualcomm capture through the Diag port logs.";
     }
     return "";
 }

@@ -33,8 +33,9 @@ bool isLogOption(int code);
 // The options that choose what a Qualcomm module logs. Takes one into `selection`; empty
 // when its value is good, else the ERROR line's text (without "ERROR: ").
 std::string takeLogOption(int code, const std::string& value, masks::Selection* selection);
-// After all options: what is wrong with the combination, or empty.
-std::string logOptionConflict(const masks::Selection& selection, bool imc);
+// After all options: what is wrong with the combination, or empty. `otherMode` names the
+// option of a capture that is not a Qualcomm one ("-i (IMC)"), or is empty.
+std::string logOptionConflict(const masks::Selection& selection, const std::string& otherMode);
 // The options given, for a line: "--logs, --events".
 std::string logOptionsGiven(const masks::Selection& selection);
 

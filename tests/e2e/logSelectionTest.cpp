@@ -232,6 +232,9 @@ TEST(LogSelection, BadValuesAreRefusedBeforeAnyByte) {
          "ERROR: --mask-file excludes --logs, --msgs and --events"},
         {{"--events", "on", "-i"}, "ERROR: -i (IMC) cannot take --events"},
         {{"-i", "--logs", "lte-rrc"}, "ERROR: -i (IMC) cannot take --logs"},
+        {{"--msgs", "high", "-m", "1"}, "ERROR: -m (logging inside the module) cannot take --msgs"},
+        {{"-f", "logsave", "--logs", "ip"},
+         "ERROR: -f (export of the module's files) cannot take --logs"},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(testing::PrintToString(c.args));
