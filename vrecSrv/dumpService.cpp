@@ -80,7 +80,7 @@ DumpService::Found DumpService::lookForDump(uint64_t lostAtMs, const StopCheck& 
         const bool keep = present(candidates, it->first) && now - it->second < kRestartGraceMs;
         it = keep ? std::next(it) : resetPorts.erase(it);
     }
-    if (bindUnbound(candidates)) {
+    if (bindUnbound(candidates, stopped)) {
         candidates = OS_ADAPT_FindDumpPorts();
     }
     for (const DumpPortCandidate& candidate : candidates) {
@@ -102,7 +102,8 @@ DumpService::Found DumpService::lookForDump(uint64_t lostAtMs, const StopCheck& 
     return Found::Nothing;
 }
 
-bool DumpService::bindUnbound(const std::vector<DumpPortCandidate>& candidates) {
+bool DumpService::bindUnbound(const std::vector<DumpPortCandidate>& candidates,
+                              const StopCheck& stopped) {
     bool bound = false;
     for (const DumpPortCandidate& candidate : candidates) {
         if (candidate.kind != DumpPortCandidate::Kind::Unbound ||
@@ -140,6 +141,9 @@ bool DumpService::bindUnbound(const std::vector<DumpPortCandidate>& candidates) 
             if (hasPort) {
                 bound = true;
                 break;
+            }
+            if (stopped && stopped()) {
+                return bound;
             }
             if (GetTickMs() >= deadline) {
                 consolePrint("%sWARNING: the dump interface %s got no port within %d s.\n",

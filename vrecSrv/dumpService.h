@@ -47,8 +47,9 @@ public:
 private:
     DumpService() = default;
 
-    // Binds dump interfaces that no driver holds, once each; true when one got a port.
-    bool bindUnbound(const std::vector<DumpPortCandidate>& candidates);
+    // Binds dump interfaces that no driver holds, once each; true when one got a port. A stop
+    // ends the wait for the port.
+    bool bindUnbound(const std::vector<DumpPortCandidate>& candidates, const StopCheck& stopped);
     // Opens a candidate and handles it; Nothing when it is no dump port.
     Found handlePort(const std::string& path, uint64_t lostAtMs, CrashAction what,
                      const StopCheck& stopped);
