@@ -208,26 +208,6 @@ TEST(Pcie, AUsbModuleIsPreferred) {
     EXPECT_FALSE(has(host.log(), "of a PCIe module"));
 }
 
-// The whole Qualcomm table reaches the module through the QCDM port, byte for byte.
-TEST(Pcie, TheQualcommTableGoesOutOnTheQcdmPort) {
-    PcieHost host;
-    ENTER_OR_SKIP(host);
-    const auto sim = pcieModule(host, {"--diag", "diag", "--rate", "1000"});
-    ASSERT_TRUE(sim->ready);
-    host.linkWwanNodes();
-    ASSERT_TRUE(host.mountAll());
-    const std::string run = host.dir.file("run");
-    ASSERT_EQ(0, mkdir(run.c_str(), 0755));
-    Vrec vrec(run, {});
-    ASSERT_TRUE(vrec.up) << vrec.run.output();
-    const Args table = arrivals(diagreq::qualcommStartRequests());
-    EXPECT_TRUE(waitFor([&] { return sim->arrived("diag").size() >= table.size(); }, 20000));
-    EXPECT_EQ(1, vrec.stop());
-    EXPECT_EQ(withHead(table, arrivals(diagreq::qualcommStopRequests())), sim->arrived("diag"));
-    EXPECT_GT(fileSize(run + "/real_log.bin"), 0u);
-    expectNoTerminalSettings(*sim);
-}
-
 // A reset of the modem: the port fails, comes back as wwan1qcdm0, and vrec finds it there,
 // reads again within 2.5 s of its return and keeps the stream whole.
 TEST(Pcie, AHangUpBringsThePortBackUnderTheNextIndex) {
