@@ -234,22 +234,13 @@ TEST(Capture, FindsTheModuleThroughSysfsAndAFullDiskDoesNotEndTheCapture) {
     testkit::isolateNetwork();
     // A /dev of our own: the terminals the tests need, and the names of the Diag port
     // (interface 1 of the tree) and the PCUI port (2); 0, the modem, has none.
-    const std::string dev = sim.file("dev");
     const std::string disk = sim.file("disk");
-    for (const std::string& dir : {dev, dev + "/pts", disk}) {
-        ASSERT_EQ(0, mkdir(dir.c_str(), 0755));
-    }
-    testkit::writeFile(dev + "/null", "");
-    testkit::writeFile(dev + "/ptmx", "");
-    ASSERT_EQ(0, symlink(sim.file("diag").c_str(), (dev + "/ttyUSB1").c_str()));
-    ASSERT_EQ(0, symlink(sim.file("pcui").c_str(), (dev + "/ttyUSB2").c_str()));
+    ASSERT_EQ(0, mkdir(disk.c_str(), 0755));
+    ASSERT_TRUE(mountDev(mounts, sim.file("dev"),
+                         {{"ttyUSB1", sim.file("diag")}, {"ttyUSB2", sim.file("pcui")}}));
     // The host may have no USB bus in sysfs to mount over: the tree's bus directory stands in
     // for all of /sys/bus.
     ASSERT_TRUE(mounts.add(sim.file("tree/sys/bus"), "/sys/bus", nullptr, MS_BIND));
-    for (const char* name : {"/null", "/pts", "/ptmx"}) {
-        ASSERT_TRUE(mounts.add(std::string("/dev") + name, dev + name, nullptr, MS_BIND));
-    }
-    ASSERT_TRUE(mounts.add(dev, "/dev", nullptr, MS_BIND | MS_REC));
     ASSERT_TRUE(mounts.add("tmpfs", disk, "tmpfs", 0, "size=2m"));
 
     putCommandFiles(disk);

@@ -42,22 +42,12 @@ struct CrashRig {
             return false;
         }
         testkit::isolateNetwork();
-        const std::string dev = sim.file("dev");
-        for (const std::string& dir : {dev, dev + "/pts", sim.file("logs")}) {
-            EXPECT_EQ(0, mkdir(dir.c_str(), 0755));
-        }
-        testkit::writeFile(dev + "/null", "");
-        testkit::writeFile(dev + "/ptmx", "");
-        const std::pair<const char*, const char*> links[] = {
-            {"diag", "/ttyUSB1"}, {"pcui", "/ttyUSB2"}, {"diag.dump", "/ttyUSB3"}};
-        for (const auto& link : links) {
-            EXPECT_EQ(0, symlink(sim.file(link.first).c_str(), (dev + link.second).c_str()));
-        }
-        bool done = mounts.add(sim.file("tree/sys/bus"), "/sys/bus", nullptr, MS_BIND);
-        for (const char* name : {"/null", "/pts", "/ptmx"}) {
-            done = done && mounts.add(std::string("/dev") + name, dev + name, nullptr, MS_BIND);
-        }
-        done = done && mounts.add(dev, "/dev", nullptr, MS_BIND | MS_REC);
+        EXPECT_EQ(0, mkdir(sim.file("logs").c_str(), 0755));
+        bool done = mounts.add(sim.file("tree/sys/bus"), "/sys/bus", nullptr, MS_BIND) &&
+                    mountDev(mounts, sim.file("dev"),
+                             {{"ttyUSB1", sim.file("diag")},
+                              {"ttyUSB2", sim.file("pcui")},
+                              {"ttyUSB3", sim.file("diag.dump")}});
         if (done && !diskSize.empty()) {
             done = mounts.add("tmpfs", sim.file("logs"), "tmpfs", 0, ("size=" + diskSize).c_str());
         }

@@ -20,19 +20,8 @@ const bool kFollowsBackgroundRuns = testkit::skipAllWithoutSubreaper();
 using namespace e2e;
 using testkit::waitFor;
 
-std::string le32(uint32_t value) {
-    std::string bytes;
-    vtools::appendLe32(bytes, value);
-    return bytes;
-}
-
-std::string packet(std::initializer_list<int> values) {
-    std::string bytes;
-    for (const int value : values) {
-        bytes += static_cast<char>(value);
-    }
-    return bytes;
-}
+using testkit::le32;
+const auto packet = testkit::bytes;
 
 const std::string kDisableAll = packet({0x73, 0, 0, 0, 0, 0, 0, 0});
 const std::string kRanges = packet({0x73, 0, 0, 0, 1, 0, 0, 0});

@@ -24,9 +24,7 @@ const bool kFollowsBackgroundRuns = testkit::skipAllWithoutSubreaper();
 using namespace e2e;
 using testkit::waitFor;
 
-bool has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
+using testkit::has;
 
 // Why this host cannot serve WWAN stand-ins, or empty.
 std::string whyNoStandIns() {
@@ -58,11 +56,9 @@ public:
             return false;
         }
         testkit::isolateNetwork();
-        for (const char* sub : {"dev", "dev/pts", "tree", "tree/sys"}) {
+        for (const char* sub : {"dev", "tree", "tree/sys"}) {
             EXPECT_EQ(0, mkdir(dir.file(sub).c_str(), 0755)) << sub;
         }
-        testkit::writeFile(dir.file("dev/null"), "");
-        testkit::writeFile(dir.file("dev/ptmx"), "");
         putCommandFiles(dir.path());
         return true;
     }
@@ -78,12 +74,7 @@ public:
     }
     // Puts the fake /dev and /sys in place.
     bool mountAll() {
-        for (const char* name : {"/null", "/pts", "/ptmx"}) {
-            if (!mounts.add(std::string("/dev") + name, dir.file("dev") + name, nullptr, MS_BIND)) {
-                return false;
-            }
-        }
-        return mounts.add(dir.file("dev"), "/dev", nullptr, MS_BIND | MS_REC) &&
+        return mountDev(mounts, dir.file("dev")) &&
                mounts.add(dir.file("tree/sys"), "/sys", nullptr, MS_BIND);
     }
     std::string log() const { return testkit::readFile(dir.file("vrec.log")); }
@@ -134,12 +125,9 @@ TEST(Pcie, DiscoveryFindsTheWwanPortsAndAtWorksOnThem) {
     for (int i = 0; longRequest.size() < 40000; ++i) {
         longRequest += static_cast<char>(i * 7);
     }
-    std::string text = "{";
-    for (const char c : diagreq::frame(longRequest)) {
-        text += "0x" + testkit::hex(std::string(1, c)) + ",";
-    }
     testkit::writeFile(host.dir.file("startcmd.txt"),
-                       text + "}\n" + testkit::readFile(host.dir.file("startcmd.txt")));
+                       testkit::commandFileText(diagreq::frame(longRequest)) +
+                           testkit::readFile(host.dir.file("startcmd.txt")));
 
     {
         Vrec vrec(host.dir.path(), {});

@@ -13,18 +13,8 @@ namespace {
 
 using testkit::hex;
 
-std::string bytes(std::initializer_list<int> values) {
-    std::string text;
-    for (const int value : values) {
-        text += static_cast<char>(value);
-    }
-    return text;
-}
-
-std::string le32(uint32_t value) {
-    return bytes({static_cast<int>(value & 0xFF), static_cast<int>((value >> 8) & 0xFF),
-                  static_cast<int>((value >> 16) & 0xFF), static_cast<int>(value >> 24)});
-}
+using testkit::bytes;
+using testkit::le32;
 
 // An answer as a module frames it, written out here rather than by the program's framer.
 std::string framed(const std::string& packet) {

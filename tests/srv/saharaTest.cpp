@@ -15,13 +15,7 @@ namespace {
 using sahara::Session;
 using Kind = Session::Event::Kind;
 
-std::string u32(uint32_t value) {
-    std::string out;
-    for (int i = 0; i < 4; ++i) {
-        out.push_back(static_cast<char>(value >> (8 * i)));
-    }
-    return out;
-}
+const auto u32 = testkit::le32;
 
 std::string u64(uint64_t value) {
     return u32(static_cast<uint32_t>(value)) + u32(static_cast<uint32_t>(value >> 32));

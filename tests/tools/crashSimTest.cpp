@@ -88,13 +88,7 @@ struct Region {
 // The host's end of the dump port, as a Sahara host that knows nothing of the simulator.
 class Host {
 public:
-    explicit Host(const std::string& path) {
-        fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        termios tio{};
-        tcgetattr(fd, &tio);
-        cfmakeraw(&tio);
-        tcsetattr(fd, TCSANOW, &tio);
-    }
+    explicit Host(const std::string& path) { fd = testkit::openRaw(path); }
     ~Host() {
         if (fd != -1) {
             close(fd);
