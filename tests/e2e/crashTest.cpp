@@ -56,13 +56,14 @@ struct CrashRig {
     }
 
     std::string logs() const { return sim.file("logs"); }
-    // The one dump directory under the log directory, or empty.
-    std::string dumpDir() const {
+    // The one dump directory under `dir` (the log directory if empty), or empty.
+    std::string dumpDir(const std::string& dir = "") const {
+        const std::string under = dir.empty() ? logs() : dir;
         std::string found;
-        for (const std::string& name : testkit::listDir(logs())) {
+        for (const std::string& name : testkit::listDir(under)) {
             if (name.rfind("dump_", 0) == 0) {
                 EXPECT_TRUE(found.empty()) << "a second dump directory " << name;
-                found = logs() + "/" + name;
+                found = under + "/" + name;
             }
         }
         return found;
@@ -330,14 +331,7 @@ TEST(CrashDump, CollectDumpAloneEndsWithTheCollectionsStatus) {
                                              rig.logs(), &out);
         EXPECT_EQ(refuse ? 1 : 0, status) << out;
         EXPECT_EQ(std::string::npos, out.find("running in the background")) << out;
-        const std::string dir = [&] {
-            for (const std::string& name : testkit::listDir(rig.logs() + "/here")) {
-                if (name.rfind("dump_", 0) == 0) {
-                    return rig.logs() + "/here/" + name;
-                }
-            }
-            return std::string();
-        }();
+        const std::string dir = rig.dumpDir(rig.logs() + "/here");
         ASSERT_FALSE(dir.empty()) << out;
         std::string report;
         EXPECT_EQ(refuse ? 1 : 0, inspectDump(dir, &report)) << report;
