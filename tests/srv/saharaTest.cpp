@@ -192,15 +192,10 @@ TEST(Sahara, HostPacketsHelloAndRegionTablesByteForByte) {
                                         "region_6.bin", "region_0.bin"}),
               names);
     EXPECT_EQ("twenty bytes of desc", regions[1].description);
-    EXPECT_EQ(0x80300000u, regions[3].address);
-    EXPECT_EQ(1u, regions[3].length);
 
+    // Refusals, each with its reason. (Addresses and lengths of both widths stand in the
+    // index of the whole sessions below.)
     const std::string table64 = entry(true, 0x880000000, 0x200000, "DDR", "DDR.BIN");
-    ASSERT_TRUE(sahara::parseTable(bytes(table64), table64.size(), true, &regions, &reason));
-    EXPECT_EQ(0x880000000u, regions[0].address);
-    EXPECT_EQ(0x200000u, regions[0].length);
-
-    // Refusals, each with its reason.
     EXPECT_FALSE(sahara::tableLengthFits((1 << 20) + 64, true, &reason));
     EXPECT_NE(std::string::npos, reason.find("longer than 1048576")) << reason;
     EXPECT_FALSE(sahara::tableLengthFits(0, false, &reason));
