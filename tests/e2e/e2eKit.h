@@ -110,6 +110,24 @@ struct Vrec {
     const bool up;
 };
 
+// When the simulator last recorded an event that begins with `what` ("event reopen diag"),
+// on the clock of its arrivals; -1 if never.
+inline long lastEventAt(const testkit::ModemSim& sim, const std::string& what) {
+    std::vector<long> times;
+    const Args events = sim.arrived("sim", &times);
+    long at = -1;
+    for (size_t e = 0; e < events.size(); ++e) {
+        at = events[e].rfind(what, 0) == 0 ? times[e] : at;
+    }
+    return at;
+}
+// When the last request reached `port`; -1 if none did.
+inline long lastArrivalAt(const testkit::ModemSim& sim, const std::string& port) {
+    std::vector<long> times;
+    sim.arrived(port, &times);
+    return times.empty() ? -1 : times.back();
+}
+
 // vrec-inspect over `files`: its exit status, with its report.
 inline int inspect(const Args& files, std::string* report) {
     return testkit::runToEnd(withHead({testkit::builtProgram("tools/vrec-inspect")}, files), "/",

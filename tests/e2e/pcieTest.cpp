@@ -201,18 +201,9 @@ TEST(Pcie, AHangUpBringsThePortBackUnderTheNextIndex) {
 
     sim->control("hangup=diag:300");
     ASSERT_TRUE(waitFor([&] { return sim->arrived("diag").size() == 2; }, 10000));
-    std::vector<long> arrivalTimes;
-    std::vector<long> eventTimes;
-    sim->arrived("diag", &arrivalTimes);
-    const Args events = sim->arrived("sim", &eventTimes);
-    long reopen = -1;
-    for (size_t e = 0; e < events.size(); ++e) {
-        if (events[e] == "event reopen diag " + host.dir.file("wwan/wwan1qcdm0")) {
-            reopen = eventTimes[e];
-        }
-    }
-    ASSERT_GT(reopen, 0) << testing::PrintToString(events);
-    EXPECT_LE(arrivalTimes.back() - reopen, 2500);
+    const long reopen = lastEventAt(*sim, "event reopen diag " + host.dir.file("wwan/wwan1qcdm0"));
+    ASSERT_GT(reopen, 0) << testing::PrintToString(sim->arrived("sim"));
+    EXPECT_LE(lastArrivalAt(*sim, "diag") - reopen, 2500);
     const uint64_t before = fileSize(log);
     EXPECT_TRUE(waitFor([&] { return fileSize(log) > before + 10000; }, 5000));
     EXPECT_TRUE(has(vrec.run.output(), "INFO: Diag port /dev/wwan1qcdm0 (PCIe, WWAN).\n"))
