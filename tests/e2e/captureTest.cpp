@@ -60,13 +60,9 @@ TEST(Capture, TableGoesOutPacedAndTheStopFramesFollowOnStop) {
     ASSERT_TRUE(vrec.up) << vrec.run.output();
     Args expected = arrivals(diagreq::qualcommStartRequests());
     ASSERT_TRUE(waitFor([&] { return sim.arrived("diag").size() == expected.size(); }, 5000));
-    // vrec pauses 10 ms behind each frame, so frame i comes at least 10 * i ms after the
-    // first; 50 ms allow for the simulator itself being late to read the first.
     std::vector<long> times;
     sim.arrived("diag", &times);
-    for (size_t i = 1; i < times.size(); ++i) {
-        EXPECT_GE(times[i] - times[0], static_cast<long>(10 * i) - 50) << "frame " << i;
-    }
+    expectPaced(times);
     EXPECT_EQ(1, vrec.stop());
     EXPECT_TRUE(endsWith(vrec.run.output(), kStopLine)) << vrec.run.output();
     // "frame": every check sequence was good.

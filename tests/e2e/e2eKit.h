@@ -110,6 +110,14 @@ struct Vrec {
     const bool up;
 };
 
+// vrec pauses 10 ms behind each frame it sends, so frame i of `times` comes at least 10 * i
+// ms after the first; 50 ms allow for the simulator itself being late to read the first.
+inline void expectPaced(const std::vector<long>& times) {
+    for (size_t i = 1; i < times.size(); ++i) {
+        EXPECT_GE(times[i] - times[0], static_cast<long>(10 * i) - 50) << "frame " << i;
+    }
+}
+
 // When the simulator last recorded an event that begins with `what` ("event reopen diag"),
 // on the clock of its arrivals; -1 if never.
 inline long lastEventAt(const testkit::ModemSim& sim, const std::string& what) {
