@@ -304,26 +304,6 @@ TEST(StopClient, NobodyListening) {
     EXPECT_EQ(kSent, afterBanner(client.output()));
 }
 
-TEST(StayUp, OneCaptureAtATimeAndVrecStopEndsIt) {
-    testkit::isolateNetwork();
-    TempDir firstDir;
-    TempDir secondDir;
-    auto first = stayingUp({}, firstDir.path());
-    EXPECT_EQ(0, first->launcherStatus());
-    BackgroundRun second(withProgram(kStayUp, {}), secondDir.path());
-    EXPECT_EQ(1, second.launcherStatus());
-    EXPECT_EQ(1, second.childStatus());
-    EXPECT_EQ(kOverwrite +
-                  "ERROR: another capture is running; stop it with vrec -s before starting a new "
-                  "one.\n",
-              afterBanner(second.output()));
-
-    std::string out;
-    EXPECT_EQ(0, testkit::runToEnd({kVrec, "-s"}, secondDir.path(), &out));
-    EXPECT_EQ(kSent, afterBanner(out));
-    expectStopped(*first);
-}
-
 TEST(StayUp, DatagramsOnTheStopChannel) {
     const bool ownNetwork = testkit::isolateNetwork();
     TempDir dir;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -62,11 +63,7 @@ inline const Args kFileArrivals = arrivals({kStartRequest, kStartRequest, kStopR
 inline void putCommandFiles(const std::string& dir) {
     for (const auto& file : {std::make_pair("/startcmd.txt", kStartRequest),
                              std::make_pair("/stopcmd.txt", kStopRequest)}) {
-        std::string text = "{";
-        for (const char c : diagreq::frame(file.second)) {
-            text += "0x" + testkit::hex(std::string(1, c)) + ",";
-        }
-        testkit::writeFile(dir + file.first, text + "}\n");
+        testkit::writeFile(dir + file.first, testkit::commandFileText(diagreq::frame(file.second)));
     }
 }
 
@@ -113,6 +110,32 @@ struct Vrec {
     const bool up;
 };
 
+// vrec pauses 10 ms behind each frame it sends, so frame i of `times` comes at least 10 * i
+// ms after the first; 50 ms allow for the simulator itself being late to read the first.
+inline void expectPaced(const std::vector<long>& times) {
+    for (size_t i = 1; i < times.size(); ++i) {
+        EXPECT_GE(times[i] - times[0], static_cast<long>(10 * i) - 50) << "frame " << i;
+    }
+}
+
+// When the simulator last recorded an event that begins with `what` ("event reopen diag"),
+// on the clock of its arrivals; -1 if never.
+inline long lastEventAt(const testkit::ModemSim& sim, const std::string& what) {
+    std::vector<long> times;
+    const Args events = sim.arrived("sim", &times);
+    long at = -1;
+    for (size_t e = 0; e < events.size(); ++e) {
+        at = events[e].rfind(what, 0) == 0 ? times[e] : at;
+    }
+    return at;
+}
+// When the last request reached `port`; -1 if none did.
+inline long lastArrivalAt(const testkit::ModemSim& sim, const std::string& port) {
+    std::vector<long> times;
+    sim.arrived(port, &times);
+    return times.empty() ? -1 : times.back();
+}
+
 // vrec-inspect over `files`: its exit status, with its report.
 inline int inspect(const Args& files, std::string* report) {
     return testkit::runToEnd(withHead({testkit::builtProgram("tools/vrec-inspect")}, files), "/",
@@ -148,6 +171,24 @@ struct Mounts {
 
     Args targets;
 };
+
+// A /dev of the test's own in `dev`: the terminals a run needs and `links`, name to target,
+// put over /dev; false where a mount failed.
+inline bool mountDev(Mounts& mounts, const std::string& dev,
+                     const std::vector<std::pair<std::string, std::string>>& links = {}) {
+    mkdir(dev.c_str(), 0755);
+    mkdir((dev + "/pts").c_str(), 0755);
+    testkit::writeFile(dev + "/null", "");
+    testkit::writeFile(dev + "/ptmx", "");
+    for (const auto& link : links) {
+        EXPECT_EQ(0, symlink(link.second.c_str(), (dev + "/" + link.first).c_str())) << link.first;
+    }
+    bool done = true;
+    for (const std::string name : {"/null", "/pts", "/ptmx"}) {
+        done = done && mounts.add("/dev" + name, dev + name, nullptr, MS_BIND);
+    }
+    return done && mounts.add(dev, "/dev", nullptr, MS_BIND | MS_REC);
+}
 
 // Finished items in `dir` by number; a name of another form fails the test.
 inline std::vector<int> itemNumbers(const std::string& dir) {

@@ -39,9 +39,7 @@ constexpr long kPeakRssLimitKb = 24 * 1024;
 #endif
 constexpr long kMiBytes = 1 << 20;
 
-bool has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
+using testkit::has;
 
 // The peak resident set of a process in KiB, as /proc tells it (VmHWM), looked at every
 // millisecond while `going` holds and the process lives; -1 if it ended before the first

@@ -20,19 +20,8 @@ const bool kFollowsBackgroundRuns = testkit::skipAllWithoutSubreaper();
 using namespace e2e;
 using testkit::waitFor;
 
-std::string le32(uint32_t value) {
-    std::string bytes;
-    vtools::appendLe32(bytes, value);
-    return bytes;
-}
-
-std::string packet(std::initializer_list<int> values) {
-    std::string bytes;
-    for (const int value : values) {
-        bytes += static_cast<char>(value);
-    }
-    return bytes;
-}
+using testkit::le32;
+const auto packet = testkit::bytes;
 
 const std::string kDisableAll = packet({0x73, 0, 0, 0, 0, 0, 0, 0});
 const std::string kRanges = packet({0x73, 0, 0, 0, 1, 0, 0, 0});
@@ -107,9 +96,7 @@ TEST(LogSelection, StartSetOnTheWire) {
         EXPECT_TRUE(waitFor([&] { return sim.arrived("diag").size() >= expected.size(); }, 8000));
         std::vector<long> times;
         EXPECT_EQ(expected, sim.arrived("diag", &times));
-        for (size_t i = 1; i < times.size(); ++i) {
-            EXPECT_GE(times[i] - times[0], static_cast<long>(10 * i) - 50) << "frame " << i;
-        }
+        expectPaced(times);
         EXPECT_EQ(1, vrec.stop());
         EXPECT_EQ(withHead(expected, {kFileArrivals.back()}), sim.arrived("diag"));
         const std::string out = vrec.run.output();
@@ -196,9 +183,7 @@ TEST(LogSelection, MaskFileFramesAreTheStartSet) {
     EXPECT_TRUE(waitFor([&] { return sim.arrived("diag").size() >= requests.size(); }, 5000));
     std::vector<long> times;
     EXPECT_EQ(arrivals(requests), sim.arrived("diag", &times));
-    for (size_t i = 1; i < times.size(); ++i) {
-        EXPECT_GE(times[i] - times[0], static_cast<long>(10 * i) - 50) << "frame " << i;
-    }
+    expectPaced(times);
     EXPECT_EQ(1, vrec.stop());
     EXPECT_NE(std::string::npos,
               vrec.run.output().find(
@@ -207,27 +192,22 @@ TEST(LogSelection, MaskFileFramesAreTheStartSet) {
 }
 
 // Each value out of its rules ends the run with status 1 and an ERROR line that names the
-// option, and not one byte reaches the module.
+// option, and not one byte reaches the module. Which lists and mask files are bad is the
+// parser's own test; here one of each kind stands for the rest.
 TEST(LogSelection, BadValuesAreRefusedBeforeAnyByte) {
     testkit::isolateNetwork();
     Sim sim({});
     testkit::writeFile(sim.file("good.cfg"), vtools::frame(kDisableAll));
-    testkit::writeFile(sim.file("cut.cfg"), vtools::frame(kDisableAll) + "\x60\x01");
     const struct {
         Args args;
         std::string says;
     } kCases[] = {
         {{"--logs", "lte-foo"}, "ERROR: invalid value \"lte-foo\" for --logs: give layer names"},
-        {{"--logs", "lte-rrc,0xG000"}, "ERROR: invalid value \"0xG000\" for --logs"},
-        {{"--logs", "0x10000"}, "ERROR: invalid value \"0x10000\" for --logs"},
         {{"--msgs", "loud"},
          "ERROR: invalid value \"loud\" for --msgs: give off, fatal, error, high, medium or low."},
         {{"--events", "yes"}, "ERROR: invalid value \"yes\" for --events: give on or off."},
         {{"--mask-file", "missing.cfg"},
          "ERROR: --mask-file \"missing.cfg\" cannot be used: No such file or directory"},
-        {{"--mask-file", "cut.cfg"},
-         "ERROR: --mask-file \"cut.cfg\" cannot be used: its last 2 bytes, from offset 11 on, do "
-         "not end with 0x7E"},
         {{"--mask-file", "good.cfg", "--logs", "lte-rrc"},
          "ERROR: --mask-file excludes --logs, --msgs and --events"},
         {{"--events", "on", "-i"}, "ERROR: -i (IMC) cannot take --events"},

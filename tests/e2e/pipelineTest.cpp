@@ -115,21 +115,14 @@ TEST(Pipeline, ReadingResumesSoonAfterTheReturnAndNothingSentSinceIsMissing) {
         const size_t starts = sim.arrived("diag").size();
         sim.control("hangup=diag:" + std::to_string(downMs));
         ASSERT_TRUE(waitFor([&] { return sim.arrived("diag").size() == starts + 1; }, 8000));
-        std::vector<long> arrivalTimes;
-        std::vector<long> eventTimes;
-        sim.arrived("diag", &arrivalTimes);
-        const Args events = sim.arrived("sim", &eventTimes);
-        long hangup = -1;
-        long reopen = -1;
-        for (size_t e = 0; e < events.size(); ++e) {
-            hangup = events[e].rfind("event hangup diag", 0) == 0 ? eventTimes[e] : hangup;
-            reopen = events[e].rfind("event reopen diag", 0) == 0 ? eventTimes[e] : reopen;
-        }
+        const long hangup = lastEventAt(sim, "event hangup diag");
+        const long reopen = lastEventAt(sim, "event reopen diag");
+        const long started = lastArrivalAt(sim, "diag");
         ASSERT_GT(hangup, 0);
         ASSERT_GE(reopen, hangup + downMs);
         // The first look comes 2 s after the loss; later ones follow every half second.
-        EXPECT_GE(arrivalTimes.back() - hangup, 1999);
-        EXPECT_LE(arrivalTimes.back() - reopen, 2500);
+        EXPECT_GE(started - hangup, 1999);
+        EXPECT_LE(started - reopen, 2500);
         const uint64_t before = fileSize(log);
         EXPECT_TRUE(waitFor([&] { return fileSize(log) > before + 10000; }, 5000));
     }
@@ -159,13 +152,8 @@ TEST(Pipeline, AStartSetForALostPortEndsAndStartsOverOnTheNewOne) {
     const Args table = arrivals(diagreq::qualcommStartRequests());
     const auto afterReopen = [&] {
         std::vector<long> times;
-        std::vector<long> eventTimes;
         const Args frames = sim.arrived("diag", &times);
-        const Args events = sim.arrived("sim", &eventTimes);
-        long reopen = -1;
-        for (size_t e = 0; e < events.size(); ++e) {
-            reopen = events[e].rfind("event reopen diag", 0) == 0 ? eventTimes[e] : reopen;
-        }
+        const long reopen = lastEventAt(sim, "event reopen diag");
         Args since;
         for (size_t i = 0; reopen >= 0 && i < frames.size(); ++i) {
             if (times[i] >= reopen) {

@@ -19,59 +19,26 @@
 #include <utility>
 #include <vector>
 
-#include "diagRequests.h"
-#include "testkit.h"
+#include "e2eKit.h"
 
 namespace {
 
+using namespace e2e;
 using testkit::BackgroundRun;
 using testkit::endsWith;
-using testkit::TempDir;
 using testkit::waitFor;
-using Args = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
 
-const std::string kVrec = testkit::builtProgram("vrecCmd/vrec");
-const std::string kStopLine = "\nINFO: Stop capturing log.\n";
 const std::string kRunning = "vrec now is running in the background.";
 
-// Log configuration operation 3 starts the simulator's stream, operation 0 ends it.
-const std::string kStreamOn("\x73\0\0\0\x03\0\0\0\x01\0\0\0\x07\0\0\0\xFF", 17);
-const std::string kStreamOff("\x73\0\0\0\0\0\0\0", 8);
-
-// How the simulator records a request that reached it whole.
-std::string recorded(const std::string& request) {
-    std::string digits = testkit::hex(request);
-    digits.erase(std::remove(digits.begin(), digits.end(), ' '), digits.end());
-    return "frame " + digits;
-}
-
-// The simulator with a Diag port "diag" in a directory of its own, where vrec runs too.
-// With `commandFiles`, vrec sends one request to start and one to stop instead of its tables.
-struct Module : TempDir, testkit::ModemSim {
-    explicit Module(bool commandFiles) : ModemSim(path(), {"--diag", "diag", "--rate", "1000"}) {
-        if (commandFiles) {
-            testkit::writeFile(file("startcmd.txt"), commandFile(kStreamOn));
-            testkit::writeFile(file("stopcmd.txt"), commandFile(kStreamOff));
-        }
-    }
-
-    static std::string commandFile(const std::string& request) {
-        std::string text = "{";
-        for (const char c : diagreq::frame(request)) {
-            text += "0x" + testkit::hex(std::string(1, c)) + ",";
-        }
-        return text + "}";
-    }
+// The simulator; with `commandFiles`, vrec sends one request to start and one to stop
+// instead of its tables.
+struct Module : Sim {
+    explicit Module(bool commandFiles) : Sim({"--rate", "1000"}, commandFiles) {}
 };
 
-Args vrecWith(Args args) {
-    args.insert(args.begin(), kVrec);
-    return args;
-}
-
 std::unique_ptr<BackgroundRun> launch(const std::string& cwd, const Args& args) {
-    return std::make_unique<BackgroundRun>(vrecWith(args), cwd);
+    return std::make_unique<BackgroundRun>(withHead({kVrec}, args), cwd);
 }
 
 // `vrec -s` from `cwd`; the exit status of `capture`.
@@ -86,10 +53,8 @@ int stopCapture(BackgroundRun& capture, const std::string& cwd) {
 // says it runs in the background.
 TEST(RunControl, StopDuringTheStartTableEndsItAtTheNextFrame) {
     testkit::isolateNetwork();
-    Args table = diagreq::qualcommStartRequests();
-    Args stopFrames = diagreq::qualcommStopRequests();
-    std::transform(table.begin(), table.end(), table.begin(), recorded);
-    std::transform(stopFrames.begin(), stopFrames.end(), stopFrames.begin(), recorded);
+    const Args table = arrivals(diagreq::qualcommStartRequests());
+    const Args stopFrames = arrivals(diagreq::qualcommStopRequests());
     for (const int how : {0, SIGQUIT, SIGTERM}) {
         SCOPED_TRACE(how == 0 ? "stop datagram" : strsignal(how));
         Module module(false);
@@ -130,14 +95,14 @@ TEST(RunControl, ASecondRunLeavesTheCaptureAlone) {
     ASSERT_TRUE(first->waitForOutput(kRunning)) << first->output();
     EXPECT_EQ(0, first->launcherStatus());
     const std::string log = module.file("real_log.bin");
-    const Args started = {recorded(kStreamOn)};
+    const Args started = arrivals({kStartRequest});
     ASSERT_TRUE(waitFor([&] { return module.arrived("diag") == started; }));
 
     // Named ports, or the module found by discovery, or the module's own logging.
     for (const Args& args : {Args{"-d", "./diag"}, Args{}, Args{"-p", "./diag", "-m", "1"}}) {
         SCOPED_TRACE(testing::PrintToString(args));
         std::string out;
-        EXPECT_EQ(1, testkit::runToEnd(vrecWith(args), module.path(), &out));
+        EXPECT_EQ(1, testkit::runToEnd(withHead({kVrec}, args), module.path(), &out));
         EXPECT_TRUE(endsWith(out,
                              "ERROR: another capture is running; stop it with vrec -s before "
                              "starting a new one.\n"))
@@ -148,7 +113,7 @@ TEST(RunControl, ASecondRunLeavesTheCaptureAlone) {
     EXPECT_EQ(started, module.arrived("diag"));
 
     EXPECT_EQ(1, stopCapture(*first, module.path()));
-    EXPECT_EQ(Args({recorded(kStreamOn), recorded(kStreamOff)}), module.arrived("diag"));
+    EXPECT_EQ(arrivals({kStartRequest, kStopRequest}), module.arrived("diag"));
 }
 
 // Another process that has the Diag port open is named before the capture starts; the
@@ -195,8 +160,8 @@ TEST(RunControl, LogDirectoryIsMadeOrRefusedBeforeTheModuleIsTouched) {
     for (const auto& c : refused) {
         SCOPED_TRACE(c.first);
         std::string out;
-        EXPECT_EQ(
-            1, testkit::runToEnd(vrecWith({"-d", "./diag", "-l", c.first}), module.path(), &out));
+        EXPECT_EQ(1,
+                  testkit::runToEnd({kVrec, "-d", "./diag", "-l", c.first}, module.path(), &out));
         EXPECT_TRUE(endsWith(out, c.second)) << out;
         EXPECT_TRUE(module.arrived("diag").empty());
     }

@@ -39,9 +39,7 @@ Lines words(const std::string& text) {
     return list;
 }
 
-bool has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
+using testkit::has;
 
 // The module: vrec-modemsim with its ports "pcui" and "diag" in `dir`.
 struct Module : testkit::ModemSim {

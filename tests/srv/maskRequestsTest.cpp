@@ -13,18 +13,8 @@ namespace {
 
 using testkit::hex;
 
-std::string bytes(std::initializer_list<int> values) {
-    std::string text;
-    for (const int value : values) {
-        text += static_cast<char>(value);
-    }
-    return text;
-}
-
-std::string le32(uint32_t value) {
-    return bytes({static_cast<int>(value & 0xFF), static_cast<int>((value >> 8) & 0xFF),
-                  static_cast<int>((value >> 16) & 0xFF), static_cast<int>(value >> 24)});
-}
+using testkit::bytes;
+using testkit::le32;
 
 // An answer as a module frames it, written out here rather than by the program's framer.
 std::string framed(const std::string& packet) {
@@ -101,38 +91,15 @@ TEST(MaskRequests, FixedRequestsAndMaskSetsWithAndWithoutTheModulesRanges) {
     ranges[1] = 0x1EC;   // 0x11EB is the last item of equipment 1
     ranges[5] = 0x130;   // 0x512F is its last item
     ranges[11] = 0x1C2;  // 0xB0C0-0xB0C2 fit, 0xB200 does not
+    // Whole mask sets with and without the module's ranges are checked on the wire, written
+    // out from the DIAG layouts; here the last item of an equipment, and what the wire
+    // cannot show cheaply.
     std::vector<uint16_t> beyond;
     const std::vector<masks::MaskSet> sets = masks::logMaskSets(selection, &ranges, &beyond);
     EXPECT_EQ(std::vector<uint16_t>{0xB200}, beyond);
     ASSERT_EQ(3u, sets.size());
-    const uint32_t kEquipments[] = {1, 5, 11};
-    const size_t kCodes[] = {1, 1, 3};
-    for (size_t i = 0; i < sets.size(); ++i) {
-        const uint32_t equipment = kEquipments[i];
-        EXPECT_EQ(equipment, sets[i].equipment);
-        EXPECT_EQ(ranges[equipment], sets[i].items);
-        EXPECT_EQ(kCodes[i], sets[i].codes);
-        const std::string& request = sets[i].request;
-        ASSERT_EQ(16 + (ranges[equipment] + 7) / 8, request.size());
-        EXPECT_EQ(bytes({0x73, 0, 0, 0, 3, 0, 0, 0}) + le32(equipment) + le32(ranges[equipment]),
-                  request.substr(0, 16));
-    }
-    std::string mask(0x1C2 / 8 + 1, '\0');
-    mask[0xC0 / 8] = 0x07;
-    EXPECT_EQ(hex(mask), hex(sets[2].request.substr(16)));
-    EXPECT_EQ(0x08, sets[0].request[16 + 0x1EB / 8]);  // bit 3 of byte 61
-
-    // No ranges: each mask ends at the highest wanted item plus one, and nothing is beyond.
-    beyond.clear();
-    const std::vector<masks::MaskSet> guessed = masks::logMaskSets(selection, nullptr, &beyond);
-    EXPECT_TRUE(beyond.empty());
-    ASSERT_EQ(3u, guessed.size());
-    EXPECT_EQ(0x1ECu, guessed[0].items);
-    EXPECT_EQ(0x130u, guessed[1].items);
-    EXPECT_EQ(0x201u, guessed[2].items);
-    EXPECT_EQ(4u, guessed[2].codes);
-    EXPECT_EQ(16u + 65u, guessed[2].request.size());
-    EXPECT_EQ(0x01, guessed[2].request.back());
+    EXPECT_EQ(0x130u, sets[1].items);
+    EXPECT_EQ(static_cast<char>(0x80), sets[1].request.back());  // 0x512F: bit 7 of byte 37
 
     // "all": every item each equipment declares; nothing without the ranges.
     masks::Selection all;

@@ -214,6 +214,37 @@ std::string hex(const std::string& bytes) {
     return text;
 }
 
+std::string bytes(std::initializer_list<int> values) {
+    std::string out;
+    for (const int value : values) {
+        out += static_cast<char>(value);
+    }
+    return out;
+}
+
+std::string le32(uint32_t value) {
+    return bytes({static_cast<int>(value & 0xFF), static_cast<int>((value >> 8) & 0xFF),
+                  static_cast<int>((value >> 16) & 0xFF), static_cast<int>(value >> 24)});
+}
+
+std::string commandFileText(const std::string& wire) {
+    std::string text = "{";
+    for (const char c : wire) {
+        text += "0x" + hex(std::string(1, c)) + ",";
+    }
+    return text + "}\n";
+}
+
+int openRaw(const std::string& path, int flags) {
+    const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC | flags);
+    termios tio{};
+    if (fd != -1 && tcgetattr(fd, &tio) == 0) {
+        cfmakeraw(&tio);
+        tcsetattr(fd, TCSANOW, &tio);
+    }
+    return fd;
+}
+
 int openDescriptorCount() {
     return static_cast<int>(listDir("/proc/self/fd").size()) - 1;
 }

@@ -4,7 +4,9 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -73,6 +75,15 @@ inline long msSince(std::chrono::steady_clock::time_point start) {
 // Looks at `condition` every millisecond; false if it did not hold within `timeoutMs`.
 bool waitFor(const std::function<bool()>& condition, int timeoutMs = 2000);
 std::string hex(const std::string& bytes);  // "7E 01 ...", so a failure reads at a glance
+std::string bytes(std::initializer_list<int> values);  // each 0 to 255
+std::string le32(uint32_t value);                      // little-endian, as DIAG and Sahara are
+inline bool has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+// A command file's text that sends `wire`, a framed request: "{0x4B,0x13,...,0x7E,}".
+std::string commandFileText(const std::string& wire);
+// Opens `path` raw (no line discipline, no echo), with `flags` besides O_RDWR and O_NOCTTY.
+int openRaw(const std::string& path, int flags = 0);
 inline bool endsWith(const std::string& text, const std::string& tail) {
     return text.size() >= tail.size() &&
            text.compare(text.size() - tail.size(), tail.npos, tail) == 0;

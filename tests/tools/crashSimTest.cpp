@@ -88,13 +88,7 @@ struct Region {
 // The host's end of the dump port, as a Sahara host that knows nothing of the simulator.
 class Host {
 public:
-    explicit Host(const std::string& path) {
-        fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        termios tio{};
-        tcgetattr(fd, &tio);
-        cfmakeraw(&tio);
-        tcsetattr(fd, TCSANOW, &tio);
-    }
+    explicit Host(const std::string& path) { fd = testkit::openRaw(path); }
     ~Host() {
         if (fd != -1) {
             close(fd);
@@ -216,18 +210,13 @@ TEST(CrashSim, MemoryRuleIsFixed) {
 TEST(CrashSim, UnboundDeviceBoundThroughNewIdWithA32BitTableAndARefusedRegion) {
     Sim sim({"--fault", "crash", "--dump-unbound", "--dump-table", "32", "--dump-regions",
              "1M:A.BIN,4097@0x90000000:B.BIN:second,13:C.BIN", "--fault", "dump-refuse=B.BIN"});
+    // The tree as vrec finds and binds it is proven end to end.
     ASSERT_TRUE(sim.event("dump device unbound"));
-    EXPECT_TRUE(exists(sim.tree("usb/devices/1-1:1.0/modalias")));
-    EXPECT_FALSE(exists(sim.tree("usb/devices/1-1:1.0/driver")));
-    EXPECT_FALSE(exists(sim.tree("usb/drivers/option/1-1:1.0")));
-    EXPECT_FALSE(exists(sim.file("diag.dump")));
     testkit::writeFile(sim.tree("usb-serial/drivers/option1/new_id"), "05c6 1234\n");
     ASSERT_TRUE(testkit::waitFor([&] { return !sim.errors().empty(); }, 3000));
     EXPECT_FALSE(exists(sim.file("diag.dump")));
     testkit::writeFile(sim.tree("usb-serial/drivers/option1/new_id"), "05c6 900e\n");
     ASSERT_TRUE(sim.event("dump port"));
-    EXPECT_TRUE(exists(sim.tree("usb/drivers/option/1-1:1.0/ttyUSB3")));
-
     Host host(sim.file("diag.dump"));
     const std::vector<Region> regions = host.table(32);
     ASSERT_EQ(3u, regions.size());
@@ -298,24 +287,10 @@ TEST(CrashSim, EveryFaultOfTheHostIsRecorded) {
                                         "sahara MEMORY_READ_64 address=0x88000fff8 length=0x20"));
 }
 
-// The port hangs up after exactly the bytes the fault names, and the module returns; a table
-// announced long reads as zeros behind its entries; a module in another mode has every byte
-// written to it recorded as an error.
-TEST(CrashSim, HangUpMidRegionALongTableAndAModuleInAnotherMode) {
-    {
-        Sim sim({"--fault", "crash", "--fault", "dump-hangup@70000", "--dump-regions",
-                 "64K:A.BIN,64K:B.BIN"});
-        ASSERT_TRUE(sim.event("dump port"));
-        Host host(sim.file("diag.dump"));
-        const std::vector<Region> regions = host.table(64);
-        ASSERT_EQ(2u, regions.size());
-        EXPECT_TRUE(sameBytes(memory(regions[0].address, 65536), host.region(64, regions[0])));
-        EXPECT_TRUE(
-            sameBytes(memory(regions[1].address, 70000 - 65536), host.region(64, regions[1])));
-        EXPECT_TRUE(sim.event("dump hangup after 70000 bytes"));
-        EXPECT_TRUE(sim.event("return"));
-        EXPECT_TRUE(sim.errors().empty()) << joined(sim.errors());
-    }
+// A table announced long reads as zeros behind its entries; a module in another mode has
+// every byte written to it recorded as an error. (The hang-up mid-region is proven end to end
+// through vrec, byte for byte against the memory rule.)
+TEST(CrashSim, ALongTableAndAModuleInAnotherMode) {
     {
         Sim sim({"--fault", "crash", "--fault", "dump-table-length=200", "--dump-regions",
                  "8:A.BIN,8:B.BIN,8:C.BIN"});

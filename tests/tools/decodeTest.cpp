@@ -247,9 +247,7 @@ TEST(Decoder, NrRrcAndFiveGsNasBecomeExportedPdus) {
 }
 
 TEST(Decoder, TwoGThreeGAndNasLayoutsWrappersAndDamage) {
-    auto bytes = [](std::initializer_list<int> values) {
-        return std::string(values.begin(), values.end());
-    };
+    using testkit::bytes;
     const std::string l3 = bytes({0x05, 0x08, 0x11});
     std::string wrapped = bytes({0x98, 0x01, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00}) +
                           logPacket(0xB0EB, bytes({1, 9, 5, 0}) + l3);
@@ -610,11 +608,8 @@ TEST(DecodeTool, FollowSendsEveryRecordOnceAcrossRotations) {
     const std::string stop("\x73\0\0\0\0\0\0\0", 8);
     for (const auto& file :
          {std::make_pair("startcmd.txt", start), std::make_pair("stopcmd.txt", stop)}) {
-        std::string text = "{";
-        for (const char c : vtools::frame(file.second)) {
-            text += "0x" + hex(std::string(1, c)) + ",";
-        }
-        testkit::writeFile(dir.file(file.first), text + "}\n");
+        testkit::writeFile(dir.file(file.first),
+                           testkit::commandFileText(vtools::frame(file.second)));
     }
 
     Listener listener;

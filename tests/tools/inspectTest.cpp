@@ -15,9 +15,7 @@ using vtools::DeframeStep;
 
 namespace {
 
-std::string bytes(std::initializer_list<int> values) {
-    return std::string(values.begin(), values.end());
-}
+using testkit::bytes;
 
 // Every step of a whole input, fed in pieces of `piece` bytes, the rest closed at the end.
 std::vector<DeframeStep> steps(const std::string& input, size_t piece) {

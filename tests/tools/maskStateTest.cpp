@@ -10,11 +10,7 @@ namespace {
 
 using vtools::MaskState;
 
-std::string le32(unsigned value) {
-    std::string bytes;
-    vtools::appendLe32(bytes, value);
-    return bytes;
-}
+using testkit::le32;
 
 std::string logPacket(unsigned code) {
     std::string packet("\x10\x00\x0C\x00\x0C\x00", 6);

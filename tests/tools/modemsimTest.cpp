@@ -23,18 +23,11 @@
 
 namespace {
 
-std::string bytes(std::initializer_list<int> values) {
-    return std::string(values.begin(), values.end());
-}
+using testkit::bytes;
 
 // The module's end of a port, raw and not blocking.
 int openPort(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    termios tio{};
-    tcgetattr(fd, &tio);
-    cfmakeraw(&tio);
-    tcsetattr(fd, TCSANOW, &tio);
-    return fd;
+    return testkit::openRaw(path, O_NONBLOCK);
 }
 
 void writeAll(int fd, const std::string& data) {

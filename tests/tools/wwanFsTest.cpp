@@ -23,9 +23,7 @@ namespace {
 // A request the module answers: log configuration operation 0.
 const std::string kRequest = vtools::frame(std::string("\x73\0\0\0\0\0\0\0", 8));
 
-bool has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
+using testkit::has;
 
 short pollOnce(int fd, int timeoutMs) {
     pollfd pfd{fd, POLLIN, 0};
