@@ -51,7 +51,8 @@ void DiagService::readPort() {
     bool afterWait = false;
     int gathered = 0;  // bytes read since the last wait or nap
     bool napping = false;
-    bool bufferFilled = false;  // a read since the last wait or nap brought a full buffer
+    bool bufferFilled = false;    // a read since the last wait or nap brought a full buffer
+    bool restOfTransfer = false;  // the wait is for what a full buffer left behind
     auto lastWake = std::chrono::steady_clock::time_point();
     while (running && !writerDone) {
         size_t room = 0;
@@ -97,6 +98,7 @@ void DiagService::readPort() {
         // nap's worth. Transfers that come further apart are each waited for.
         // A terminal buffer filled during the nap: the stream is too fast to nap on.
         napping = result == ReadResult::Drained && gathered > 0 && !bufferFilled && napping;
+        restOfTransfer = bufferFilled && result == ReadResult::Drained;
         bufferFilled = false;
         if (gathered > 0) {
             ring->publishIfDue();
@@ -110,7 +112,9 @@ void DiagService::readPort() {
             const int wait = waitForPort();
             if (wait >= 0) {
                 afterWait = wait == 1;
-                if (afterWait) {
+                // The rest of a transfer larger than the terminal's buffer comes at once
+                // after the read that made room for it: no sign of a fast port.
+                if (afterWait && !restOfTransfer) {
                     const auto now = std::chrono::steady_clock::now();
                     napping = now - lastWake < std::chrono::microseconds(kGatherNapUs);
                     lastWake = now;

@@ -146,16 +146,18 @@ void CaptureRing::notifyWriter() {
     notifiedAt = tail;
     notices.fetch_add(1);
     // The writer marks itself asleep before it looks at the notices for the last time, so
-    // either it sees this notice or this sees it asleep.
+    // either it sees this notice or this sees it asleep. Passing through its lock means it
+    // is waiting by then; the wake follows outside, so that the woken writer does not
+    // find the lock still held and sleep on it once more.
     if (writerSleeping.load()) {
-        std::lock_guard<std::mutex> guard(sleepLock);
+        { std::lock_guard<std::mutex> guard(sleepLock); }
         readable.notify_one();
     }
 }
 
 void CaptureRing::wakeWriter() {
     wakeRequested = true;
-    std::lock_guard<std::mutex> guard(sleepLock);
+    { std::lock_guard<std::mutex> guard(sleepLock); }
     readable.notify_one();
 }
 
