@@ -136,8 +136,8 @@ DiagLog::DiagLog() {
     if (!dir.empty() && !CDirectory::Exists(dir)) {
         mkdir(dir.c_str(), 0777);
     }
-    logFile = std::make_unique<DiagLogFile>(dir + "/vrec.log", DiagLogFile::kRotateBytes,
-                                            g_logStarted);
+    logFile =
+        std::make_unique<DiagLogFile>(dir + "/vrec.log", DiagLogFile::kRotateBytes, g_logStarted);
 }
 
 DiagLog* DiagLog::getInstance() {
@@ -176,8 +176,8 @@ struct LineText {
 };
 }  // namespace
 
-int DiagLog::write(int level, const char* file, const char* function, int line,
-                   const char* format, ...) {
+int DiagLog::write(int level, const char* file, const char* function, int line, const char* format,
+                   ...) {
     // A log line between a failed call and the look at its errno must not change it.
     const ErrnoKeeper keepErrno;
     va_list args;

@@ -28,8 +28,7 @@ public:
     DiagLogFile& operator=(const DiagLogFile&) = delete;
 
     // Writes "time  LEVEL  file line function text"; false when nothing was written.
-    bool WriteLine(int level, const char* file, const char* function, int line,
-                   const char* text);
+    bool WriteLine(int level, const char* file, const char* function, int line, const char* text);
     const std::string& GetPath() const { return path; }
 
     // The name the next rotation would use: "<path up to its last '.'>_backup_N.log"
@@ -66,8 +65,7 @@ public:
 
 private:
     DiagLog();
-    int writeText(int level, const char* file, const char* function, int line,
-                  const char* text);
+    int writeText(int level, const char* file, const char* function, int line, const char* text);
 
     std::unique_ptr<DiagLogFile> logFile;
 };

@@ -1,6 +1,8 @@
 #include "jmutex.h"
 
-JMutex::JMutex() { Init(); }
+JMutex::JMutex() {
+    Init();
+}
 
 JMutex::~JMutex() {
     if (initialized) {

@@ -1,3 +1,5 @@
 #include "commandLineSrv.h"
 
-int main(int argc, char** argv) { return vrecMain(argc, argv); }
+int main(int argc, char** argv) {
+    return vrecMain(argc, argv);
+}

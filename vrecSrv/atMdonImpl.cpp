@@ -33,11 +33,15 @@ constexpr int kConfigFieldThree = 123;
 constexpr int kUploadCommandOverhead = 60;
 
 // A number as the module writes it: 0x for hexadecimal, a leading 0 for octal.
-long long moduleNumber(const std::string& text) { return strtoll(text.c_str(), nullptr, 0); }
+long long moduleNumber(const std::string& text) {
+    return strtoll(text.c_str(), nullptr, 0);
+}
 
 }  // namespace
 
-AtMdonImpl::AtMdonImpl() { DIAG_TRACE(); }
+AtMdonImpl::AtMdonImpl() {
+    DIAG_TRACE();
+}
 
 AtMdonImpl::~AtMdonImpl() {
     DIAG_TRACE();
@@ -58,7 +62,9 @@ bool AtMdonImpl::ensurePcuiPort() {
     return ports->getPcuiHandle() != -1 || ports->openPcuiPort();
 }
 
-int AtMdonImpl::pcuiHandle() { return PortMgnt::getInstance()->getPcuiHandle(); }
+int AtMdonImpl::pcuiHandle() {
+    return PortMgnt::getInstance()->getPcuiHandle();
+}
 
 bool AtMdonImpl::portGaveNoAnswer() {
     const AtService::Failure why = AtService::getInstance()->lastFailure();
@@ -106,8 +112,7 @@ bool AtMdonImpl::exchange(const std::string& cmd, std::string& text) {
     return ok;
 }
 
-bool AtMdonImpl::setByCommand(const char* const* commands, int count, int value,
-                              bool ensurePort) {
+bool AtMdonImpl::setByCommand(const char* const* commands, int count, int value, bool ensurePort) {
     if (ensurePort && !ensurePcuiPort()) {
         return false;
     }
@@ -186,7 +191,8 @@ bool AtMdonImpl::startReadDiag() {
     }
     // On a port that carries the Diag stream, commands travel in tunnel frames and their
     // answers are left to the reader.
-    AtService::getInstance()->setDiagTunnel(ports->isPcuiAsDiag(), AtService::kTunnelReaderOwnsPort);
+    AtService::getInstance()->setDiagTunnel(ports->isPcuiAsDiag(),
+                                            AtService::kTunnelReaderOwnsPort);
     return true;
 }
 
@@ -210,9 +216,10 @@ bool AtMdonImpl::startLog(const CaptureOptions& options) {
         if (state == 5) {
             m_fileName = options.fileName;
             if (lowerName == "logsave") {
-                consolePrint("%sINFO: you are going to export all the log files while using -f "
-                             "logsave\n",
-                             kLineClear);
+                consolePrint(
+                    "%sINFO: you are going to export all the log files while using -f "
+                    "logsave\n",
+                    kLineClear);
                 exportUEFiles(EXPORT_LOGS);
             } else {
                 exportUEFiles(EXPORT_NAMED);
@@ -222,9 +229,10 @@ bool AtMdonImpl::startLog(const CaptureOptions& options) {
             m_fileName = options.fileName;
             if (lowerName == "dump") {
                 exportUEFiles(EXPORT_DUMPS);
-                consolePrint("%sINFO: you are going to export all the dump files while using -f "
-                             "dump\n",
-                             kLineClear);
+                consolePrint(
+                    "%sINFO: you are going to export all the dump files while using -f "
+                    "dump\n",
+                    kLineClear);
             } else {
                 exportUEFiles(EXPORT_NAMED);
             }
@@ -590,8 +598,8 @@ bool AtMdonImpl::exportSingleFile(const std::string& path, const std::string& na
 
 int AtMdonImpl::configPieceSize(int maxCommandLength) {
     // The Base64 of a piece fills the command but for the room of its other fields.
-    const long long size = (static_cast<long long>(maxCommandLength) * 3 -
-                            3 * kUploadCommandOverhead) / 4;
+    const long long size =
+        (static_cast<long long>(maxCommandLength) * 3 - 3 * kUploadCommandOverhead) / 4;
     return size > INT32_MAX ? INT32_MAX : static_cast<int>(size < 0 ? 0 : size);
 }
 
@@ -669,13 +677,12 @@ void AtMdonImpl::threadSendConfigFile() {
     }
     std::vector<std::string> commands;
     for (size_t i = 0; i < pieces.size(); ++i) {
-        commands.push_back(
-            std::string("AT^RSFW=\"") + kConfigName + "\",\"\"," +
-            std::to_string(kConfigFieldThree) + "," + std::to_string(pieces.size()) + "," +
-            std::to_string(i + 1) + ",\"" +
-            Base64Encode(reinterpret_cast<const unsigned char*>(pieces[i].data()),
-                         static_cast<int>(pieces[i].size())) +
-            "\"\r");
+        commands.push_back(std::string("AT^RSFW=\"") + kConfigName + "\",\"\"," +
+                           std::to_string(kConfigFieldThree) + "," + std::to_string(pieces.size()) +
+                           "," + std::to_string(i + 1) + ",\"" +
+                           Base64Encode(reinterpret_cast<const unsigned char*>(pieces[i].data()),
+                                        static_cast<int>(pieces[i].size())) +
+                           "\"\r");
         pieces[i] = std::string();
     }
     AtService* at = AtService::getInstance();

@@ -59,7 +59,8 @@ public:
     int transferResult() const { return m_resultExportFiles; }
 
     // Pure helpers, reachable for tests.
-    static std::vector<std::string> splitText(const std::string& text, const std::string& separator);
+    static std::vector<std::string> splitText(const std::string& text,
+                                              const std::string& separator);
     static std::list<std::string> parseFileList(const std::string& answer);
     // Bytes of the document per upload piece for a maximum command length; <= 0: none fit.
     static int configPieceSize(int maxCommandLength);

@@ -4,9 +4,13 @@
 #include "diagService.h"
 #include "portMgnt.h"
 
-DiagImpl::DiagImpl() { DIAG_TRACE(); }
+DiagImpl::DiagImpl() {
+    DIAG_TRACE();
+}
 
-DiagImpl::~DiagImpl() { DIAG_TRACE(); }
+DiagImpl::~DiagImpl() {
+    DIAG_TRACE();
+}
 
 bool DiagImpl::startLog(const CaptureOptions& options) {
     DIAG_TRACE();

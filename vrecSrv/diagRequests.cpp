@@ -172,11 +172,13 @@ const ConfFile kConfFiles[] = {
 };
 
 // Directories listed one by one under nv/item_files/conf.
-const char* const kListedDirs[] = {
-    "rrc_device_type_nv.conf",         "rrc_feature_cell_bar.conf",
-    "rrc_feature_do_not_forward_page.conf", "rrc_feature_freq_lock.conf",
-    "rrc_feature_skip_sib11_opt.conf", "rrc_feature_snow3g.conf",
-    "rrc_feature_srb2_act.conf"};
+const char* const kListedDirs[] = {"rrc_device_type_nv.conf",
+                                   "rrc_feature_cell_bar.conf",
+                                   "rrc_feature_do_not_forward_page.conf",
+                                   "rrc_feature_freq_lock.conf",
+                                   "rrc_feature_skip_sib11_opt.conf",
+                                   "rrc_feature_snow3g.conf",
+                                   "rrc_feature_srb2_act.conf"};
 
 // Little-endian request builder.
 class Request {
@@ -204,15 +206,25 @@ Request subsystem(uint8_t id, uint16_t command) {
     request.u8(id).u16(command);
     return request;
 }
-Request efs(uint16_t command) { return subsystem(kEfs, command); }
+Request efs(uint16_t command) {
+    return subsystem(kEfs, command);
+}
 
 std::string openDir(const std::string& path, uint8_t system = kEfs) {
     return subsystem(system, EFS_OPENDIR).text(path);
 }
-std::string readDir(uint32_t sequence) { return efs(EFS_READDIR).u32(kDirHandle).u32(sequence); }
-std::string closeDir() { return efs(EFS_CLOSEDIR).u32(kDirHandle); }
-std::string stat(const std::string& path) { return efs(EFS_STAT).text(path); }
-std::string open(const std::string& path) { return efs(EFS_OPEN).u32(0).u32(0x124).text(path); }
+std::string readDir(uint32_t sequence) {
+    return efs(EFS_READDIR).u32(kDirHandle).u32(sequence);
+}
+std::string closeDir() {
+    return efs(EFS_CLOSEDIR).u32(kDirHandle);
+}
+std::string stat(const std::string& path) {
+    return efs(EFS_STAT).text(path);
+}
+std::string open(const std::string& path) {
+    return efs(EFS_OPEN).u32(0).u32(0x124).text(path);
+}
 
 std::string logMask(const LogEquipment& equipment) {
     Request request(kLogConfig);
@@ -341,9 +353,9 @@ std::vector<std::string> qualcommStartRequests() {
 
 std::vector<std::string> qualcommStopRequests() {
     return {
-        Request(kEventReport).u8(0),                          // event reports off
-        Request(kLogConfig).u8(0).u8(0).u8(0).u32(0),         // logging off
-        Request(kExtMsgConfig).u8(5).u8(0).u8(0).u32(0),      // all run-time masks to 0
+        Request(kEventReport).u8(0),                      // event reports off
+        Request(kLogConfig).u8(0).u8(0).u8(0).u32(0),     // logging off
+        Request(kExtMsgConfig).u8(5).u8(0).u8(0).u32(0),  // all run-time masks to 0
     };
 }
 

@@ -129,9 +129,10 @@ bool DiagService::waitForSetup() {
             return false;
         }
         if (GetTickMs() > deadline) {
-            consolePrint("%sERROR: the log file %s/real_log.bin was not made within %d s: the "
-                         "storage does not answer.\n",
-                         kLineClear, savePath.c_str(), kSetupLimitMs / 1000);
+            consolePrint(
+                "%sERROR: the log file %s/real_log.bin was not made within %d s: the "
+                "storage does not answer.\n",
+                kLineClear, savePath.c_str(), kSetupLimitMs / 1000);
             return false;
         }
     }

@@ -8,8 +8,8 @@ struct Label {
     const char* element;
     int id;
     const char* name;
-    const char* range;     // pairs of first and last ID, each pair closed by ";"
-    const char* itemTag;   // the element name of its items
+    const char* range;    // pairs of first and last ID, each pair closed by ";"
+    const char* itemTag;  // the element name of its items
     std::initializer_list<const char*> items;
 };
 

@@ -41,9 +41,13 @@ AtMdonImpl* vrecSevice::mdon() {
     return m_mode == CAPTURE_MDON ? dynamic_cast<AtMdonImpl*>(m_impl.get()) : nullptr;
 }
 
-bool vrecSevice::queryFuntion(int& state) { return mdon() != nullptr && mdon()->queryFuntion(state); }
+bool vrecSevice::queryFuntion(int& state) {
+    return mdon() != nullptr && mdon()->queryFuntion(state);
+}
 
-int vrecSevice::getTransferResult() { return mdon() != nullptr ? mdon()->transferResult() : 0; }
+int vrecSevice::getTransferResult() {
+    return mdon() != nullptr ? mdon()->transferResult() : 0;
+}
 
 void vrecSevice::stopExportFiles() {
     if (mdon() != nullptr) {
@@ -51,11 +55,17 @@ void vrecSevice::stopExportFiles() {
     }
 }
 
-bool vrecSevice::exportUEFiles(int mask) { return mdon() != nullptr && mdon()->exportUEFiles(mask); }
+bool vrecSevice::exportUEFiles(int mask) {
+    return mdon() != nullptr && mdon()->exportUEFiles(mask);
+}
 
-bool vrecSevice::setSaveMode(int mode) { return mdon() != nullptr && mdon()->setSaveMode(mode); }
+bool vrecSevice::setSaveMode(int mode) {
+    return mdon() != nullptr && mdon()->setSaveMode(mode);
+}
 
-bool vrecSevice::getSaveMode(int& mode) { return mdon() != nullptr && mdon()->getSaveMode(mode); }
+bool vrecSevice::getSaveMode(int& mode) {
+    return mdon() != nullptr && mdon()->getSaveMode(mode);
+}
 
 std::string vrecSevice::getRemainSize() {
     return mdon() != nullptr ? mdon()->getRemainSize() : std::string();
@@ -81,14 +91,18 @@ bool vrecSevice::getConfigFile(const std::string& directory) {
     return mdon() != nullptr && mdon()->getConfigFile(directory);
 }
 
-void vrecSevice::setSavePath(const std::string& path) { PortMgnt::getInstance()->setSavePath(path); }
+void vrecSevice::setSavePath(const std::string& path) {
+    PortMgnt::getInstance()->setSavePath(path);
+}
 
 bool vrecSevice::closePorts() {
     PortMgnt* ports = PortMgnt::getInstance();
     return ports->closePcuiPort() && ports->closeDiagPort();
 }
 
-bool vrecSevice::openPort(const std::string& name) { return PortMgnt::getInstance()->openPort(name); }
+bool vrecSevice::openPort(const std::string& name) {
+    return PortMgnt::getInstance()->openPort(name);
+}
 
 bool vrecSevice::getPorts(std::list<std::string>& ports) {
     return PortMgnt::getInstance()->getPorts(ports);
