@@ -309,6 +309,14 @@ void Session::emitData(const uint8_t* data, size_t size) {
 const std::vector<Session::Event>& Session::feed(const uint8_t* data, size_t size) {
     events.clear();
     handedOut.clear();
+    // Moves input into `partial` until it holds `want` bytes; true once it does.
+    const auto gather = [&](size_t want) {
+        const size_t take = std::min(size, want - std::min(want, partial.size()));
+        partial.insert(partial.end(), data, data + take);
+        data += take;
+        size -= take;
+        return partial.size() >= want;
+    };
     while (size > 0 && current != Phase::Finished) {
         if (current == Phase::Resetting) {
             // Whatever a read cut short may still come; the answer to RESET is looked for.
@@ -342,11 +350,7 @@ const std::vector<Session::Event>& Session::feed(const uint8_t* data, size_t siz
         if (readingRaw()) {
             // The first bytes of an answer tell data from a refusal.
             const size_t decide = static_cast<size_t>(std::min<uint64_t>(kHeaderBytes, pieceLeft));
-            const size_t take = std::min(size, decide - partial.size());
-            partial.insert(partial.end(), data, data + take);
-            data += take;
-            size -= take;
-            if (partial.size() < decide) {
+            if (!gather(decide)) {
                 break;
             }
             if (decide == kHeaderBytes && readU32(partial.data()) == kEndImageTx &&
@@ -361,25 +365,15 @@ const std::vector<Session::Event>& Session::feed(const uint8_t* data, size_t siz
             continue;
         }
         // A packet: its header, then the rest of its length.
-        if (partial.size() < kHeaderBytes) {
-            const size_t take = std::min(size, kHeaderBytes - partial.size());
-            partial.insert(partial.end(), data, data + take);
-            data += take;
-            size -= take;
-            if (partial.size() < kHeaderBytes) {
-                break;
-            }
+        if (!gather(kHeaderBytes)) {
+            break;
         }
         const uint32_t length = readU32(partial.data() + 4);
         if (length < kHeaderBytes || length > kMaxPacketBytes) {
             protocolError("a packet of " + std::to_string(length) + " bytes");
             break;
         }
-        const size_t take = std::min(size, length - partial.size());
-        partial.insert(partial.end(), data, data + take);
-        data += take;
-        size -= take;
-        if (partial.size() < length) {
+        if (!gather(length)) {
             break;
         }
         std::vector<uint8_t> packet;

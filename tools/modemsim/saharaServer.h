@@ -13,7 +13,9 @@
 
 namespace vtools {
 
-// Sahara command ids, as on the wire.
+// Sahara command ids, as on the wire. The module's side keeps its own copy of the protocol,
+// apart from vrec's, so that a mistake in vrec's reading of it cannot also hide in the module
+// that checks it.
 enum SaharaCommand : uint32_t {
     kSaharaHello = 1,
     kSaharaHelloResp = 2,
